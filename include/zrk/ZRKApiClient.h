@@ -1,0 +1,119 @@
+// The client: credentials, base URL, end-user attributes and the URL session
+// on which every request runs.
+//
+// Applications use the shared client (sharedClient), configured through the
+// class operations; the endpoint operations are members of the client.
+// Requests run on the client's session, whose completions and redirect
+// decisions run on the main queue (ZRKMainQueue.h). Every member is safe to
+// call from any thread: the fields are guarded, and a request built while a
+// setter runs sees each field either before or after the change.
+#ifndef ZRK_ZRKAPICLIENT_H
+#define ZRK_ZRKAPICLIENT_H
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "zrk/ZRKApiAuthToken.h"
+#include "zrk/ZRKAppConfiguration.h"
+#include "zrk/ZRKJson.h"
+#include "zrk/ZRKURL.h"
+#include "zrk/ZRKURLRequest.h"
+#include "zrk/ZRKURLSession.h"
+
+namespace zrk {
+
+// Codes of userGender; every other value is sent as "other".
+enum ZRKUserGender : ZRKUInteger { ZRKUserGenderOther = 1, ZRKUserGenderFemale = 2, ZRKUserGenderMale = 3 };
+
+// The service's address when the application sets none.
+inline constexpr const char* ZRKDefaultBaseURL = "https://api.zrk.cloud";
+
+class ZRKApiClient : public ZRKURLSessionDelegate, public std::enable_shared_from_this<ZRKApiClient> {
+ public:
+  static void initialize() {}
+  static std::string apiVersion() { return "v1"; }
+
+  // Sets key and secret on the shared configuration, clears the token cache
+  // and returns the shared client.
+  static std::shared_ptr<ZRKApiClient> initializeWithAppKey(std::optional<std::string> appKey,
+                                                            std::optional<std::string> appSecret);
+  // Sets key, secret and user id; the token cache is cleared (and a new token
+  // fetched) only when the user id changes.
+  static std::shared_ptr<ZRKApiClient> initializeWithAppKey(std::optional<std::string> appKey,
+                                                            std::optional<std::string> appSecret,
+                                                            std::optional<std::string> userId);
+  // The process's client, created on first use with the shared configuration.
+  static std::shared_ptr<ZRKApiClient> sharedClient();
+  static void setUserAge(ZRKInteger age);
+  static void setUserGender(ZRKUInteger gender);
+  static void setUserLocationLatitude(float latitude, float longitude);
+  // A string that is no URL leaves the base unset; requests then fail with
+  // ZRKURLErrorBadURL.
+  static void setBaseUrl(std::string_view baseUrl);
+  // The configuration every client's session is made with, created once.
+  static std::shared_ptr<ZRKURLSessionConfiguration> sharedUrlSessionConfiguration();
+
+  // A client with the shared configuration.
+  static std::shared_ptr<ZRKApiClient> init();
+  // A client that holds the configuration by reference, with the default base
+  // URL, a new session on the main queue, no location, age 0 and gender 1.
+  static std::shared_ptr<ZRKApiClient> initWithConfiguration(std::shared_ptr<ZRKAppConfiguration> configuration);
+
+  // The configuration's key and secret, "" when unset.
+  std::string appKey() const;
+  std::string appSecret() const;
+
+  // A new request for the URL carrying every default header.
+  ZRKURLRequest configuredRequestForURL(const std::optional<ZRKURL>& url) const;
+  // The headers every request carries, computed anew on each call.
+  std::map<std::string, std::string> defaultHeaders() const;
+  // The hardware name (uname's machine).
+  std::string deviceModel() const;
+  // Calls the completion (if any) at once when the cached token is valid;
+  // otherwise POSTs key and secret to "app/v1/auth", stores the token that
+  // comes back and then calls the completion on the main thread.
+  void authWithCompletion(ZRKAuthCompletion completion);
+
+  // Follows every redirect with all header fields of the task's first
+  // request copied onto the new request, whatever the host.
+  void willPerformHTTPRedirection(ZRKURLSession& session, ZRKURLSessionDataTask& task,
+                                  const ZRKHTTPURLResponse& response, ZRKURLRequest request,
+                                  std::function<void(std::optional<ZRKURLRequest>)> completionHandler) override;
+
+  // "appKey (<key>) appSecret (<secret>)".
+  std::string description() const;
+
+  float userLat() const;
+  void setUserLat(float latitude);
+  float userLng() const;
+  void setUserLng(float longitude);
+  std::shared_ptr<ZRKAppConfiguration> configuration() const;
+  // Stores a copy of the configuration (see ZRKAppConfiguration::copy).
+  void setConfiguration(const std::shared_ptr<ZRKAppConfiguration>& configuration);
+  std::optional<ZRKURL> apiURL() const;
+  void setApiURL(std::optional<ZRKURL> url);
+  std::shared_ptr<ZRKURLSession> urlSession() const;
+  ZRKInteger userAge() const;
+  // The instance setters of age and gender carry "Value" because the class
+  // operations setUserAge and setUserGender already take those names.
+  void setUserAgeValue(ZRKInteger age);
+  ZRKUInteger userGender() const;
+  void setUserGenderValue(ZRKUInteger gender);
+
+  ZRKApiClient(const ZRKApiClient&) = delete;
+  ZRKApiClient& operator=(const ZRKApiClient&) = delete;
+  ~ZRKApiClient() override;
+
+ private:
+  ZRKApiClient();
+  struct Fields;
+  std::unique_ptr<Fields> fields_;
+};
+
+}  // namespace zrk
+
+#endif  // ZRK_ZRKAPICLIENT_H

@@ -1,0 +1,15 @@
+// Moving work to the main thread.
+#ifndef ZRK_ZRKDISPATCHFUNCTIONS_H
+#define ZRK_ZRKDISPATCHFUNCTIONS_H
+
+#include <functional>
+
+namespace zrk {
+
+// On the main thread, runs the callback at once, before returning; on any
+// other thread, posts it to the main queue (ZRKMainQueue.h) and returns.
+void zrkDispatchToMainThreadIfNecessary(std::function<void()> callback);
+
+}  // namespace zrk
+
+#endif  // ZRK_ZRKDISPATCHFUNCTIONS_H

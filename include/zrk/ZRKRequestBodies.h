@@ -1,0 +1,26 @@
+// Putting parameters onto an outgoing request: into its URL's query or into
+// a JSON body. Each function changes the request in place; the request must
+// not be used by another thread meanwhile.
+#ifndef ZRK_ZRKREQUESTBODIES_H
+#define ZRK_ZRKREQUESTBODIES_H
+
+#include "zrk/ZRKJson.h"
+#include "zrk/ZRKURLRequest.h"
+
+namespace zrk {
+
+// Appends "?" (or "&" when the URL has a query already) and the query string
+// of the parameters, also when that is empty.
+void zrk_addParametersToURL(ZRKURLRequest& request, const ZRKJson& parameters);
+
+// "Content-Type: application/json" and the compact JSON text as the body; a
+// value that cannot be written as JSON (a string that is not UTF-8) leaves
+// the body absent.
+void zrk_setJSONPayload(ZRKURLRequest& request, const ZRKJson& payload);
+
+// Does nothing; referring to it keeps this unit in a static link.
+void linkNSMutableURLRequestCategory();
+
+}  // namespace zrk
+
+#endif  // ZRK_ZRKREQUESTBODIES_H

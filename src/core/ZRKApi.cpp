@@ -1,0 +1,20 @@
+#include "zrk/ZRKApi.h"
+
+#include "zrk/ZRKCategoryLoader.h"
+
+namespace zrk {
+
+std::string ZRKApi::sdkVersion() { return "1.0.0"; }
+
+void ZRKCategoryLoader::loadCategories() {
+  linkNSErrorCategory();
+  linkNSDictionaryCategory();
+  linkNSMutableURLRequestCategory();
+  linkNSStringCategory();
+  linkNSURLComponentsCategory();
+  linkNSArrayCategory();
+}
+
+void linkNSURLComponentsCategory() {}
+
+}  // namespace zrk

@@ -1,0 +1,7 @@
+#include "zrk/ZRKLocalizationUtils.h"
+
+namespace zrk {
+
+std::string ZRKLocalizationUtils::localizedStringForKey(std::string_view key) { return std::string(key); }
+
+}  // namespace zrk

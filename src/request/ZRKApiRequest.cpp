@@ -1,0 +1,176 @@
+#include "zrk/ZRKApiRequest.h"
+
+#include "zrk/ZRKApiClient.h"
+#include "zrk/ZRKApiError.h"
+#include "zrk/ZRKDispatchFunctions.h"
+#include "zrk/ZRKRequestBodies.h"
+
+namespace zrk {
+namespace {
+
+// Deeper nesting than any answer of the service has; past it a body is
+// treated as no JSON rather than risk the stack in recursive readers.
+constexpr int kMaximumJsonDepth = 256;
+
+bool nestsTooDeep(std::string_view text) {
+  int depth = 0;
+  bool inString = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (inString) {
+      if (c == '\\') {
+        ++i;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > kMaximumJsonDepth) return true;
+    } else if (c == ']' || c == '}') {
+      --depth;
+    }
+  }
+  return false;
+}
+
+// Only an object or array at the top, as the platform's parser without
+// options accepts; an array then counts as no JSON for the readers.
+std::optional<ZRKJson> parseObject(const std::optional<std::string>& body) {
+  if (!body || body->empty() || nestsTooDeep(*body)) return std::nullopt;
+  ZRKJson json = ZRKJson::parse(*body, nullptr, /*allow_exceptions=*/false);
+  if (!json.is_object()) return std::nullopt;
+  return json;
+}
+
+bool hasKeys(const ZRKJson& parameters) { return parameters.is_object() && !parameters.empty(); }
+
+ZRKURLRequest requestFor(const ZRKApiClient& client, std::string_view endpoint) {
+  std::optional<ZRKURL> url = client.apiURL();
+  if (url) url = url->URLByAppendingPathComponent(endpoint);
+  return client.configuredRequestForURL(url);
+}
+
+ZRKApiRequest::Task send(const ZRKApiClient& client, ZRKURLRequest request, ZRKApiRequest::Deserializers deserializers,
+                         ZRKApiRequestCompletion completion) {
+  auto task = client.urlSession()->dataTaskWithRequest(
+      std::move(request), [deserializers = std::move(deserializers), completion = std::move(completion)](
+                              std::optional<std::string> data, std::shared_ptr<const ZRKHTTPURLResponse> response,
+                              std::optional<ZRKError> error) mutable {
+        ZRKApiRequest::parseResponse(std::move(response), data, std::move(error), deserializers, std::move(completion));
+      });
+  task->resume();
+  return task;
+}
+
+ZRKApiRequest::Deserializers single(ZRKDeserializer deserializer) {
+  ZRKApiRequest::Deserializers list;
+  if (deserializer) list.push_back(std::move(deserializer));
+  return list;
+}
+
+ZRKApiRequest::Task sendWithBody(const std::shared_ptr<ZRKApiClient>& client, const char* method,
+                                 std::string_view endpoint, const ZRKJson& parameters,
+                                 ZRKApiRequest::Deserializers deserializers, ZRKApiRequestCompletion completion) {
+  ZRKURLRequest request = requestFor(*client, endpoint);
+  request.setHTTPMethod(method);
+  if (hasKeys(parameters)) zrk_setJSONPayload(request, parameters);
+  return send(*client, std::move(request), std::move(deserializers), std::move(completion));
+}
+
+}  // namespace
+
+ZRKApiRequest::Task ZRKApiRequest::postWithAPIClient(const std::shared_ptr<ZRKApiClient>& client,
+                                                     std::string_view endpoint, const ZRKJson& parameters,
+                                                     ZRKDeserializer deserializer, ZRKApiRequestCompletion completion) {
+  return postWithAPIClient(client, endpoint, parameters, single(std::move(deserializer)), std::move(completion));
+}
+
+ZRKApiRequest::Task ZRKApiRequest::postWithAPIClient(const std::shared_ptr<ZRKApiClient>& client,
+                                                     std::string_view endpoint, const ZRKJson& parameters,
+                                                     Deserializers deserializers, ZRKApiRequestCompletion completion) {
+  return sendWithBody(client, "POST", endpoint, parameters, std::move(deserializers), std::move(completion));
+}
+
+ZRKApiRequest::Task ZRKApiRequest::getWithAPIClient(const std::shared_ptr<ZRKApiClient>& client,
+                                                    std::string_view endpoint, const ZRKJson& parameters,
+                                                    ZRKDeserializer deserializer, ZRKApiRequestCompletion completion) {
+  ZRKURLRequest request = requestFor(*client, endpoint);
+  if (hasKeys(parameters)) zrk_addParametersToURL(request, parameters);
+  auto task = client->urlSession()->dataTaskWithRequest(
+      std::move(request), [deserializer = std::move(deserializer), completion = std::move(completion)](
+                              std::optional<std::string> data, std::shared_ptr<const ZRKHTTPURLResponse> response,
+                              std::optional<ZRKError> error) mutable {
+        parseResponse(std::move(response), data, std::move(error), single(std::move(deserializer)),
+                      std::move(completion));
+      });
+  task->resume();
+  return task;
+}
+
+ZRKApiRequest::Task ZRKApiRequest::deleteWithAPIClient(const std::shared_ptr<ZRKApiClient>& client,
+                                                       std::string_view endpoint, const ZRKJson& parameters,
+                                                       ZRKDeserializer deserializer,
+                                                       ZRKApiRequestCompletion completion) {
+  return deleteWithAPIClient(client, endpoint, parameters, single(std::move(deserializer)), std::move(completion));
+}
+
+ZRKApiRequest::Task ZRKApiRequest::deleteWithAPIClient(const std::shared_ptr<ZRKApiClient>& client,
+                                                       std::string_view endpoint, const ZRKJson& parameters,
+                                                       Deserializers deserializers, ZRKApiRequestCompletion completion) {
+  ZRKURLRequest request = requestFor(*client, endpoint);
+  // Unconditionally, so an empty DELETE ends in "?".
+  zrk_addParametersToURL(request, parameters);
+  request.setHTTPMethod("DELETE");
+  return send(*client, std::move(request), std::move(deserializers), std::move(completion));
+}
+
+ZRKApiRequest::Task ZRKApiRequest::patchWithAPIClient(const std::shared_ptr<ZRKApiClient>& client,
+                                                      std::string_view endpoint, const ZRKJson& parameters,
+                                                      ZRKDeserializer deserializer, ZRKApiRequestCompletion completion) {
+  return patchWithAPIClient(client, endpoint, parameters, single(std::move(deserializer)), std::move(completion));
+}
+
+ZRKApiRequest::Task ZRKApiRequest::patchWithAPIClient(const std::shared_ptr<ZRKApiClient>& client,
+                                                      std::string_view endpoint, const ZRKJson& parameters,
+                                                      Deserializers deserializers, ZRKApiRequestCompletion completion) {
+  return sendWithBody(client, "PATCH", endpoint, parameters, std::move(deserializers), std::move(completion));
+}
+
+void ZRKApiRequest::parseResponse(std::shared_ptr<const ZRKHTTPURLResponse> response,
+                                  const std::optional<std::string>& body, std::optional<ZRKError> error,
+                                  const Deserializers& deserializers, ZRKApiRequestCompletion completion) {
+  const auto finish = [&](std::shared_ptr<ZRKApiResponseDecodable> object, std::optional<ZRKError> failure) {
+    if (!completion) return;
+    zrkDispatchToMainThreadIfNecessary(
+        [completion = std::move(completion), object = std::move(object), response,
+         failure = std::move(failure)]() mutable { completion(std::move(object), std::move(response), std::move(failure)); });
+  };
+
+  if (error) return finish(nullptr, std::move(error));
+  if (deserializers.empty()) return finish(nullptr, zrk_genericFailedToParseResponseError());
+
+  const std::optional<ZRKJson> json = parseObject(body);
+  const ZRKJson* parsed = json ? &*json : nullptr;
+
+  const ZRKApiResponseDecodable* chosen = nullptr;
+  if (deserializers.size() == 1) {
+    chosen = deserializers.front().get();
+  } else if (parsed) {
+    const auto object = parsed->find("object");
+    if (object != parsed->end() && object->is_string()) {
+      for (const auto& entry : deserializers) {
+        const auto* naming = dynamic_cast<const ZRKObjectNaming*>(entry.get());
+        if (naming && naming->zrkObject() == object->get_ref<const std::string&>()) chosen = entry.get();
+      }
+    }
+  }
+
+  if (chosen) {
+    if (auto decoded = chosen->decodedObjectFromAPIResponse(parsed)) return finish(std::move(decoded), std::nullopt);
+  }
+  if (auto bodyError = zrk_errorFromAPIResponse(parsed)) return finish(nullptr, std::move(bodyError));
+  finish(nullptr, zrk_genericFailedToParseResponseError());
+}
+
+}  // namespace zrk

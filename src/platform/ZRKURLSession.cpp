@@ -248,7 +248,7 @@ void CurlLoop::start(std::shared_ptr<ZRKURLSessionDataTask> task, std::shared_pt
     state->current = request;
   }
   const auto& configuration = *state->session->configuration();
-  const auto& url = request.URL();
+  const std::optional<ZRKURL> url = request.URL();
   if (!url) {
     state->finish(std::nullopt, nullptr, transportError(ZRKURLErrorBadURL, "The URL is missing or invalid.", url));
     return;
@@ -268,7 +268,7 @@ void CurlLoop::start(std::shared_ptr<ZRKURLSessionDataTask> task, std::shared_pt
   t->easy = curl_easy_init();
   CURL* e = t->easy;
   curl_easy_setopt(e, CURLOPT_PRIVATE, t.get());
-  curl_easy_setopt(e, CURLOPT_URL, url->absoluteString().c_str());
+  curl_easy_setopt(e, CURLOPT_URL, t->request.URL()->absoluteString().c_str());
   curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 0L);
@@ -302,11 +302,14 @@ void CurlLoop::start(std::shared_ptr<ZRKURLSessionDataTask> task, std::shared_pt
   const std::string& method = t->request.HTTPMethod();
   const bool hasBody = t->request.HTTPBody().has_value() && method != "GET" && method != "HEAD";
   if (hasBody) t->body = *t->request.HTTPBody();
+  // Methods that carry a body announce an empty one, so that no server waits
+  // for bytes that never come.
+  const bool announcesLength = hasBody || method == "POST" || method == "PUT" || method == "PATCH";
   if (method == "GET") {
     curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
   } else if (method == "HEAD") {
     curl_easy_setopt(e, CURLOPT_NOBODY, 1L);
-  } else if (method == "POST" || hasBody) {
+  } else if (announcesLength) {
     curl_easy_setopt(e, CURLOPT_POSTFIELDS, t->body.data());
     curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(t->body.size()));
     if (method != "POST") curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, method.c_str());
@@ -316,6 +319,11 @@ void CurlLoop::start(std::shared_ptr<ZRKURLSessionDataTask> task, std::shared_pt
 
   // An empty "Expect:" stops curl's 100-continue round trip on large bodies.
   t->headers = curl_slist_append(t->headers, "Expect:");
+  // curl labels every POST body as a form unless told otherwise; a request
+  // without a body has no type to state.
+  if (!hasBody && !t->request.valueForHTTPHeaderField("Content-Type")) {
+    t->headers = curl_slist_append(t->headers, "Content-Type:");
+  }
   for (const auto& [name, value] : t->request.allHTTPHeaderFields().fields()) {
     if (!isHeaderName(name) || hasForbiddenByte(value)) continue;
     // The body's length is the transport's to state; a stale copy would

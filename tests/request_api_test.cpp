@@ -1,0 +1,275 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "support/LoopbackServer.h"
+#include "support/MainQueueWait.h"
+#include "zrk/ZRKApiClient.h"
+#include "zrk/ZRKApiError.h"
+#include "zrk/ZRKApiRequest.h"
+
+namespace zrk {
+namespace {
+
+using test::LoopbackServer;
+using test::RecordedRequest;
+using test::ScriptedResponse;
+
+// A model that accepts bodies with a string "value".
+class ValueModel : public ZRKApiResponseDecodable {
+ public:
+  std::shared_ptr<ZRKApiResponseDecodable> decodedObjectFromAPIResponse(const ZRKJson* response) const override {
+    ++decodeCalls;
+    sawNoJson = response == nullptr;
+    if (!response || !response->contains("value") || !(*response)["value"].is_string()) return nullptr;
+    auto model = makeEmpty();
+    model->value = (*response)["value"].get<std::string>();
+    return model;
+  }
+  std::optional<ZRKJson> allResponseFields() const override { return std::nullopt; }
+  virtual std::shared_ptr<ValueModel> makeEmpty() const { return std::make_shared<ValueModel>(); }
+
+  std::string value;
+  mutable int decodeCalls = 0;
+  mutable bool sawNoJson = false;
+};
+
+// One that can be picked from a list by the body's "object".
+class NamedModel : public ValueModel, public ZRKObjectNaming {
+ public:
+  explicit NamedModel(std::string name) : name(std::move(name)) {}
+  std::string zrkObject() const override { return name; }
+  std::shared_ptr<ValueModel> makeEmpty() const override { return std::make_shared<NamedModel>(name); }
+  std::string name;
+};
+
+struct Result {
+  int calls = 0;
+  bool onMainThread = false;
+  std::shared_ptr<ZRKApiResponseDecodable> object;
+  std::shared_ptr<const ZRKHTTPURLResponse> response;
+  std::optional<ZRKError> error;
+};
+
+class ApiRequestTest : public ::testing::Test {
+ protected:
+  void SetUp() override { client->setApiURL(ZRKURL::URLWithString(server.url())); }
+
+  ZRKApiRequestCompletion recorder(const std::shared_ptr<Result>& result) {
+    return [result](auto object, auto response, auto error) {
+      ++result->calls;
+      result->onMainThread = ZRKMainQueue::isMainThread();
+      result->object = std::move(object);
+      result->response = std::move(response);
+      result->error = std::move(error);
+    };
+  }
+
+  std::shared_ptr<Result> wait(const std::shared_ptr<Result>& result) {
+    EXPECT_TRUE(test::runMainQueueUntil([&] { return result->calls > 0; }));
+    ZRKMainQueue::mainQueue().runFor(std::chrono::milliseconds(20));
+    EXPECT_EQ(result->calls, 1);
+    EXPECT_TRUE(result->onMainThread);
+    if (result->calls) {
+      EXPECT_NE(result->object == nullptr, !result->error.has_value());
+    }
+    return result;
+  }
+
+  std::shared_ptr<Result> get(const ZRKJson& parameters, ZRKDeserializer model = std::make_shared<ValueModel>()) {
+    auto result = std::make_shared<Result>();
+    ZRKApiRequest::getWithAPIClient(client, "app/v1/collection", parameters, std::move(model), recorder(result));
+    return wait(result);
+  }
+
+  LoopbackServer server;
+  std::shared_ptr<ZRKApiClient> client = ZRKApiClient::initWithConfiguration(ZRKAppConfiguration::init());
+};
+
+TEST_F(ApiRequestTest, GetPutsParametersInTheQueryOnlyWhenThereAreAny) {
+  get(ZRKJson::object());
+  get(nullptr);
+  get({{"count", 20}, {"offset", 0}});
+  const auto got = server.requests();
+  ASSERT_EQ(got.size(), 3u);
+  EXPECT_EQ(got[0].method, "GET");
+  EXPECT_EQ(got[0].target, "/app/v1/collection");
+  EXPECT_EQ(got[1].target, "/app/v1/collection");
+  EXPECT_EQ(got[2].target, "/app/v1/collection?count=20&offset=0");
+  EXPECT_EQ(got[2].body, "");
+  EXPECT_TRUE(got[2].header("Authorization").starts_with("Bearer"));
+}
+
+TEST_F(ApiRequestTest, DeleteAlwaysEndsItsQueryText) {
+  for (const ZRKJson& parameters : {ZRKJson(nullptr), ZRKJson::object(), ZRKJson{{"email", "a@b.c"}}}) {
+    auto result = std::make_shared<Result>();
+    ZRKApiRequest::deleteWithAPIClient(client, "app/v1/user/auth", parameters, std::make_shared<ValueModel>(),
+                                       recorder(result));
+    wait(result);
+  }
+  const auto got = server.requests();
+  ASSERT_EQ(got.size(), 3u);
+  EXPECT_EQ(got[0].method, "DELETE");
+  EXPECT_EQ(got[0].target, "/app/v1/user/auth?");
+  EXPECT_EQ(got[1].target, "/app/v1/user/auth?");
+  EXPECT_EQ(got[2].target, "/app/v1/user/auth?email=a%40b.c");
+  EXPECT_FALSE(got[0].has("Content-Type"));
+}
+
+TEST_F(ApiRequestTest, PostAndPatchSendAJsonBodyOnlyWithAtLeastOneKey) {
+  const ZRKJson parameters = {{"key", "k"}, {"secret", "s/1"}};
+  for (const char* verb : {"POST", "PATCH"}) {
+    for (const ZRKJson& p : {ZRKJson(nullptr), ZRKJson::object(), parameters}) {
+      auto result = std::make_shared<Result>();
+      if (std::string(verb) == "POST") {
+        ZRKApiRequest::postWithAPIClient(client, "app/v1/user", p, std::make_shared<ValueModel>(), recorder(result));
+      } else {
+        ZRKApiRequest::patchWithAPIClient(client, "app/v1/user", p, std::make_shared<ValueModel>(), recorder(result));
+      }
+      wait(result);
+    }
+  }
+  const auto got = server.requests();
+  ASSERT_EQ(got.size(), 6u);
+  for (int verb = 0; verb < 2; ++verb) {
+    const char* method = verb == 0 ? "POST" : "PATCH";
+    for (int i = 0; i < 2; ++i) {
+      const auto& r = got[verb * 3 + i];
+      EXPECT_EQ(r.method, method);
+      EXPECT_EQ(r.target, "/app/v1/user");
+      EXPECT_EQ(r.body, "");
+      EXPECT_FALSE(r.has("Content-Type")) << method;
+    }
+    const auto& r = got[verb * 3 + 2];
+    EXPECT_EQ(r.method, method);
+    EXPECT_EQ(r.header("Content-Type"), "application/json");
+    EXPECT_EQ(r.body, R"({"key":"k","secret":"s/1"})");
+    EXPECT_EQ(r.header("Content-Length"), std::to_string(r.body.size()));
+  }
+}
+
+TEST_F(ApiRequestTest, TheModelDecidesNotTheStatus) {
+  server.answer({.status = 500, .body = R"({"value":"fine"})"});
+  auto result = get(nullptr);
+  ASSERT_TRUE(result->object);
+  EXPECT_EQ(std::dynamic_pointer_cast<ValueModel>(result->object)->value, "fine");
+  EXPECT_EQ(result->response->statusCode(), 500);
+
+  server.answer({.status = 200, .body = R"({"code":404,"message":"x","detail":{"field":"email"}})"});
+  result = get(nullptr);
+  ASSERT_TRUE(result->error);
+  EXPECT_EQ(result->error->domain, ZRKDomain);
+  EXPECT_EQ(result->error->code, 404);
+  EXPECT_EQ(result->error->localizedDescription(), "x");
+  EXPECT_EQ(result->error->userInfo[ZRKErrorMessageKey], "x");
+  EXPECT_EQ(result->error->userInfo[ZRKErrorCodeKey], "404");
+  EXPECT_EQ(result->error->userInfo[ZRKErrorDetailKey], (ZRKJson{{"field", "email"}}));
+  EXPECT_EQ(result->response->statusCode(), 200);
+}
+
+TEST_F(ApiRequestTest, UndecodableBodiesGiveTheGenericError) {
+  const ScriptedResponse cases[] = {
+      {.status = 204, .body = ""},
+      {.body = "not json"},
+      {.body = R"("fragment")"},
+      {.body = R"([{"value":"in an array"}])"},
+      {.body = R"({"code":-1})"},
+      {.body = std::string(300, '[') + std::string(300, ']')},
+  };
+  for (const auto& c : cases) {
+    server.answer(c);
+    auto model = std::make_shared<ValueModel>();
+    const auto result = get(nullptr, model);
+    ASSERT_TRUE(result->error) << c.body;
+    EXPECT_EQ(result->error->domain, ZRKDomain);
+    EXPECT_EQ(result->error->code, ZRKErrorCodeFailedToParseResponse) << c.body;
+    EXPECT_EQ(model->decodeCalls, 1);
+    if (c.body != R"({"code":-1})") {
+      EXPECT_TRUE(model->sawNoJson) << c.body;
+    }
+  }
+}
+
+TEST_F(ApiRequestTest, TransportErrorsPassUnchanged) {
+  client->setApiURL(ZRKURL::URLWithString("http://127.0.0.1:1"));
+  auto result = get(nullptr);
+  ASSERT_TRUE(result->error);
+  EXPECT_EQ(result->error->domain, ZRKURLErrorDomain);
+  EXPECT_EQ(result->error->code, ZRKURLErrorCannotConnect);
+
+  client->setApiURL(std::nullopt);
+  result = get(nullptr);
+  EXPECT_EQ(result->error->code, ZRKURLErrorBadURL);
+}
+
+TEST_F(ApiRequestTest, ReturnedTaskCancelsTheCall) {
+  server.answer({.body = R"({"value":"late"})", .stall = std::chrono::seconds(5)});
+  auto result = std::make_shared<Result>();
+  auto task = ZRKApiRequest::getWithAPIClient(client, "app/v1/history", nullptr, std::make_shared<ValueModel>(),
+                                              recorder(result));
+  ASSERT_TRUE(server.waitForRequests(1));
+  task->cancel();
+  wait(result);
+  server.release();
+  ASSERT_TRUE(result->error);
+  EXPECT_EQ(result->error->domain, ZRKURLErrorDomain);
+  EXPECT_EQ(result->error->code, ZRKURLErrorCancelled);
+}
+
+TEST_F(ApiRequestTest, CallsFromAnyThreadCompleteOnTheMainThread) {
+  server.answer({.body = R"({"value":"v"})"});
+  auto result = std::make_shared<Result>();
+  std::thread([&] {
+    ZRKApiRequest::postWithAPIClient(client, "app/v1/user", {{"a", 1}}, std::make_shared<ValueModel>(), recorder(result));
+  }).join();
+  wait(result);
+  EXPECT_TRUE(result->object);
+}
+
+TEST(ParseResponse, PicksTheDeserializerByObjectWhenThereAreSeveral) {
+  const auto parse = [](const std::string& body, const ZRKApiRequest::Deserializers& list) {
+    std::shared_ptr<ZRKApiResponseDecodable> object;
+    std::optional<ZRKError> error;
+    ZRKApiRequest::parseResponse(nullptr, body, std::nullopt, list, [&](auto o, auto, auto e) {
+      object = std::move(o);
+      error = std::move(e);
+    });
+    return std::make_pair(object, error);
+  };
+  const auto first = std::make_shared<NamedModel>("scan");
+  const auto second = std::make_shared<NamedModel>("scan");
+  const auto other = std::make_shared<NamedModel>("user");
+  const auto plain = std::make_shared<ValueModel>();
+
+  // Ran synchronously: parsing here is on the main thread.
+  auto [object, error] = parse(R"({"object":"scan","value":"v"})", {first, plain, second, other});
+  EXPECT_EQ(std::dynamic_pointer_cast<NamedModel>(object)->name, "scan");
+  EXPECT_EQ(first->decodeCalls, 0);
+  EXPECT_EQ(second->decodeCalls, 1);
+
+  std::tie(object, error) = parse(R"({"value":"v"})", {first, other});
+  EXPECT_FALSE(object);
+  EXPECT_EQ(error->code, ZRKErrorCodeFailedToParseResponse);
+
+  std::tie(object, error) = parse(R"({"object":"none","value":"v","code":"17"})", {first, other});
+  EXPECT_EQ(error->code, 17);
+  EXPECT_EQ(error->userInfo[ZRKErrorCodeKey], "17");
+
+  // One deserializer ignores "object" entirely.
+  std::tie(object, error) = parse(R"({"object":"user","value":"v"})", {first});
+  EXPECT_TRUE(object);
+
+  std::tie(object, error) = parse(R"({"value":"v"})", {});
+  EXPECT_EQ(error->code, ZRKErrorCodeFailedToParseResponse);
+  std::tie(object, error) = parse(R"({"value":"v"})", {nullptr});
+  EXPECT_EQ(error->code, ZRKErrorCodeFailedToParseResponse);
+
+  const ZRKError transport(ZRKURLErrorDomain, ZRKURLErrorTimedOut);
+  ZRKApiRequest::parseResponse(nullptr, R"({"value":"v"})", transport, {first}, [&](auto o, auto, auto e) {
+    EXPECT_FALSE(o);
+    EXPECT_EQ(e, transport);
+  });
+}
+
+}  // namespace
+}  // namespace zrk

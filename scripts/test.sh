@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Sets everything up and runs every test: the normal build, then the suite
+# under AddressSanitizer + UndefinedBehaviorSanitizer, then under
+# ThreadSanitizer. Exits non-zero on the first failure.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/setup.sh
+
+jobs=$(nproc)
+werror=OFF
+[ "${CI:-}" = "true" ] && werror=ON
+
+run_suite() {
+  local name=$1 sanitize=$2 type=$3
+  local dir="build-test-$name"
+  echo "== $name: configure and build"
+  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE="$type" -DZRK_SANITIZE="$sanitize" \
+    -DZRK_WARNINGS_AS_ERRORS="$werror" >/dev/null
+  cmake --build "$dir" -j "$jobs"
+  echo "== $name: tests"
+  (cd "$dir" && ctest -j "$jobs" --output-on-failure --timeout 180)
+}
+
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+run_suite normal "" RelWithDebInfo
+run_suite asan address Debug
+run_suite tsan thread Debug
+echo "== all suites passed"

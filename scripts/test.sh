@@ -22,10 +22,7 @@ run_suite() {
   (cd "$dir" && ctest -j "$jobs" --output-on-failure --timeout 180)
 }
 
-export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
-export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
-
+# The sanitizer options travel with each test (tests/CMakeLists.txt).
 run_suite normal "" RelWithDebInfo
 run_suite asan address Debug
 run_suite tsan thread Debug

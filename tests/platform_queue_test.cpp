@@ -97,24 +97,34 @@ TEST(MainQueue, RunReturnsAfterStop) {
 }
 
 TEST(GlobalQueue, RunsWorkOffTheMainThreadConcurrently) {
-  std::atomic<int> offMain{0};
-  std::atomic<int> inside{0};
-  std::atomic<int> peak{0};
+  struct Shared {
+    std::atomic<int> offMain{0};
+    std::atomic<int> inside{0};
+    std::atomic<int> peak{0};
+    std::atomic<int> finished{0};
+  };
+  // Shared ownership: the workers may still hold it when the test returns.
+  auto shared = std::make_shared<Shared>();
   for (int i = 0; i < 2; ++i) {
-    ZRKGlobalQueue::globalQueue().async([&] {
-      const int now = ++inside;
-      int seen = peak.load();
-      while (now > seen && !peak.compare_exchange_weak(seen, now)) {
+    ZRKGlobalQueue::globalQueue().async([shared] {
+      const int now = ++shared->inside;
+      int seen = shared->peak.load();
+      while (now > seen && !shared->peak.compare_exchange_weak(seen, now)) {
       }
-      // Both callbacks must be inside at once for the test to end early.
-      for (int spin = 0; spin < 2000 && peak.load() < 2; ++spin) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      if (!ZRKMainQueue::isMainThread()) ++offMain;
-      --inside;
+      // Both callbacks must be inside at once for the wait to end early.
+      for (int spin = 0; spin < 2000 && shared->peak.load() < 2; ++spin) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      if (!ZRKMainQueue::isMainThread()) ++shared->offMain;
+      --shared->inside;
+      ++shared->finished;
     });
   }
-  for (int spin = 0; spin < 5000 && offMain.load() < 2; ++spin) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  EXPECT_EQ(offMain.load(), 2);
-  EXPECT_EQ(peak.load(), 2);
+  for (int spin = 0; spin < 5000 && shared->finished.load() < 2; ++spin) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_EQ(shared->offMain.load(), 2);
+  EXPECT_EQ(shared->peak.load(), 2);
 }
 
 }  // namespace

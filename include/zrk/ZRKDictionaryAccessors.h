@@ -79,12 +79,6 @@ bool zrk_boolValue(std::string_view text);
 // Does nothing; referenced so that static linking keeps this unit.
 void linkNSDictionaryCategory();
 
-namespace detail {
-// Null removal for an object or an array (any other value is returned as is);
-// shared by the dictionary and array variants.
-ZRKJson CopyRemovingNulls(const ZRKJson& container);
-}  // namespace detail
-
 }  // namespace zrk
 
 #endif  // ZRK_ZRKDICTIONARYACCESSORS_H

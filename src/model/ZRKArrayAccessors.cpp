@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "zrk/ZRKDictionaryAccessors.h"
+#include "model/ZRKNullRemoval.h"
 
 namespace zrk {
 

@@ -1,4 +1,5 @@
 #include "zrk/ZRKDictionaryAccessors.h"
+#include "model/ZRKNullRemoval.h"
 
 #include <algorithm>
 #include <charconv>

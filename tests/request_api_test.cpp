@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "support/LoopbackServer.h"
+#include "support/RawRecorder.h"
 #include "support/MainQueueWait.h"
 #include "zrk/ZRKApiClient.h"
 #include "zrk/ZRKApiError.h"
@@ -269,6 +270,33 @@ TEST(ParseResponse, PicksTheDeserializerByObjectWhenThereAreSeveral) {
     EXPECT_FALSE(o);
     EXPECT_EQ(e, transport);
   });
+}
+
+}  // namespace
+}  // namespace zrk
+
+namespace zrk {
+namespace {
+
+// The exact bytes of a request: header lines as written, the empty bearer
+// with its trailing space, no "Expect", the JSON body.
+TEST(ApiRequestWire, SendsTheExactBytes) {
+  test::RawRecorder recorder;
+  ZRKApiAuthToken::clear();
+  const auto client = ZRKApiClient::initWithConfiguration(ZRKAppConfiguration::init());
+  client->setApiURL(ZRKURL::URLWithString(recorder.url()));
+  bool done = false;
+  ZRKApiRequest::postWithAPIClient(client, "app/v1/auth", {{"key", "k"}, {"secret", "s"}},
+                                   std::make_shared<ZRKApiAuthToken>(), [&](auto, auto, auto) { done = true; });
+  ASSERT_TRUE(test::runMainQueueUntil([&] { return done; }));
+  const auto raw = recorder.requests().at(0);
+  const std::string head = raw.substr(0, raw.find("\r\n\r\n") + 2);
+  EXPECT_TRUE(head.starts_with("POST /app/v1/auth HTTP/1.1\r\n")) << head;
+  EXPECT_NE(head.find("\r\nAuthorization: Bearer \r\n"), std::string::npos) << head;
+  EXPECT_NE(head.find("\r\nContent-Type: application/json\r\n"), std::string::npos) << head;
+  EXPECT_NE(head.find("\r\nContent-Length: 24\r\n"), std::string::npos) << head;
+  EXPECT_EQ(head.find("Expect:"), std::string::npos) << head;
+  EXPECT_EQ(raw.substr(raw.find("\r\n\r\n") + 4), R"({"key":"k","secret":"s"})");
 }
 
 }  // namespace

@@ -14,8 +14,6 @@
 #include <unistd.h>
 #endif
 
-#include "zrk/ZRKDispatchFunctions.h"
-
 namespace zrk {
 namespace {
 
@@ -203,15 +201,6 @@ void ZRKGlobalQueue::async(std::function<void()> callback) {
     state_->callbacks.push_back(std::move(callback));
   }
   state_->posted.notify_one();
-}
-
-void zrkDispatchToMainThreadIfNecessary(std::function<void()> callback) {
-  if (!callback) return;
-  if (ZRKMainQueue::isMainThread()) {
-    callback();
-  } else {
-    ZRKMainQueue::mainQueue().async(std::move(callback));
-  }
 }
 
 }  // namespace zrk

@@ -2,8 +2,6 @@
 
 #include <mutex>
 
-#include <sys/utsname.h>
-
 #include "core/ZRKBase64.h"
 #include "zrk/ZRKApiRequest.h"
 #include "zrk/ZRKDevice.h"

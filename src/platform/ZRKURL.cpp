@@ -1,4 +1,5 @@
 #include "zrk/ZRKURL.h"
+#include "platform/ZRKText.h"
 
 #include <curl/curl.h>
 
@@ -192,23 +193,15 @@ std::optional<std::string> ZRKURL::fragment() const {
 }
 
 ZRKURL ZRKURL::URLByAppendingPathComponent(std::string_view component) const {
-  static constexpr char kHex[] = "0123456789ABCDEF";
   const Pieces p = split(string_);
   std::string out(string_, 0, p.pathEnd);
   const bool baseEndsWithSlash = !p.path.empty() && p.path.back() == '/';
   const bool componentStartsWithSlash = !component.empty() && component.front() == '/';
   if (!baseEndsWithSlash && !componentStartsWithSlash) out += '/';
-  for (unsigned char c : component) {
-    const bool allowed = isUnreserved(static_cast<char>(c)) || isSubDelim(static_cast<char>(c)) ||
-                         c == ':' || c == '@' || c == '/';
-    if (allowed) {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 15];
-    }
-  }
+  detail::appendPercentEncoded(out, component, [](unsigned char c) {
+    return isUnreserved(static_cast<char>(c)) || isSubDelim(static_cast<char>(c)) || c == ':' || c == '@' ||
+           c == '/';
+  });
   out.append(string_, p.pathEnd, std::string::npos);
   return ZRKURL(std::move(out));
 }
@@ -220,16 +213,7 @@ std::optional<ZRKURL> ZRKURL::URLByResolvingReference(std::string_view reference
   // Servers put raw spaces and UTF-8 into Location; escape them rather than
   // fail the redirect, as browsers do.
   std::string ref;
-  for (unsigned char c : reference) {
-    if (c <= 0x20 || c >= 0x7f) {
-      static constexpr char kHex[] = "0123456789ABCDEF";
-      ref += '%';
-      ref += kHex[c >> 4];
-      ref += kHex[c & 15];
-    } else {
-      ref += static_cast<char>(c);
-    }
-  }
+  detail::appendPercentEncoded(ref, reference, [](unsigned char c) { return c > 0x20 && c < 0x7f; });
   if (curl_url_set(u.get(), CURLUPART_URL, ref.c_str(), kCurlUrlFlags) != CURLUE_OK) return std::nullopt;
   char* text = nullptr;
   if (curl_url_get(u.get(), CURLUPART_URL, &text, 0) != CURLUE_OK || !text) return std::nullopt;

@@ -1,18 +1,10 @@
 #include "zrk/ZRKURLRequest.h"
+#include "platform/ZRKText.h"
 
 #include <algorithm>
 
 namespace zrk {
-namespace {
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           const auto lower = [](char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; };
-           return lower(x) == lower(y);
-         });
-}
-
-}  // namespace
+using detail::equalsIgnoringCase;
 
 std::optional<std::string> ZRKHTTPHeaderFields::valueForHTTPHeaderField(std::string_view name) const {
   for (const auto& [key, value] : fields_) {

@@ -1,9 +1,9 @@
 #include "zrk/ZRKURLSession.h"
+#include "platform/ZRKText.h"
 
 #include <curl/curl.h>
 
 #include <algorithm>
-#include <cctype>
 #include <climits>
 #include <atomic>
 #include <chrono>
@@ -59,6 +59,8 @@ struct TaskState {
 
 namespace {
 
+using detail::equalsIgnoringCase;
+
 constexpr int kMaximumRedirects = 16;
 
 ZRKError transportError(long code, const std::string& detail, const std::optional<ZRKURL>& url) {
@@ -81,27 +83,14 @@ bool isHeaderName(std::string_view s) {
   });
 }
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
-std::string lowercase(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
 int effectivePort(const ZRKURL& url) {
   if (auto port = url.port()) return *port;
-  const auto scheme = lowercase(url.scheme().value_or(""));
-  return scheme == "https" ? 443 : 80;
+  return equalsIgnoringCase(url.scheme().value_or(""), "https") ? 443 : 80;
 }
 
 bool sameOrigin(const ZRKURL& a, const ZRKURL& b) {
-  return lowercase(a.scheme().value_or("")) == lowercase(b.scheme().value_or("")) &&
-         lowercase(a.host().value_or("")) == lowercase(b.host().value_or("")) &&
-         effectivePort(a) == effectivePort(b);
+  return equalsIgnoringCase(a.scheme().value_or(""), b.scheme().value_or("")) &&
+         equalsIgnoringCase(a.host().value_or(""), b.host().value_or("")) && effectivePort(a) == effectivePort(b);
 }
 
 std::string_view trim(std::string_view s) {
@@ -253,8 +242,8 @@ void CurlLoop::start(std::shared_ptr<ZRKURLSessionDataTask> task, std::shared_pt
     state->finish(std::nullopt, nullptr, transportError(ZRKURLErrorBadURL, "The URL is missing or invalid.", url));
     return;
   }
-  const auto scheme = lowercase(url->scheme().value_or(""));
-  if (scheme != "http" && scheme != "https") {
+  const auto scheme = url->scheme().value_or("");
+  if (!equalsIgnoringCase(scheme, "http") && !equalsIgnoringCase(scheme, "https")) {
     state->finish(std::nullopt, nullptr,
                   transportError(ZRKURLErrorUnsupportedURL, "Only http and https URLs are supported.", url));
     return;

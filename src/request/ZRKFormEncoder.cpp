@@ -1,4 +1,5 @@
 #include "zrk/ZRKFormEncoder.h"
+#include "platform/ZRKText.h"
 
 #include <charconv>
 
@@ -31,18 +32,9 @@ std::string ZRKQueryStringPair::stringValue() const {
 // Escaping works byte by byte, so the whole string at once gives the same
 // text as any split into whole characters would.
 std::string ZRKPercentEscapedStringFromString(std::string_view string) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
   std::string out;
   out.reserve(string.size());
-  for (unsigned char c : string) {
-    if (staysUnescaped(c)) {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 15];
-    }
-  }
+  detail::appendPercentEncoded(out, string, staysUnescaped);
   return out;
 }
 

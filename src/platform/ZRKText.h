@@ -1,0 +1,35 @@
+// Byte-level text helpers shared by the URL, header and query code.
+#ifndef ZRK_PLATFORM_ZRKTEXT_H
+#define ZRK_PLATFORM_ZRKTEXT_H
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+
+namespace zrk::detail {
+
+// ASCII case-insensitive equality, as header names and hosts compare.
+inline bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  const auto lower = [](char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; };
+  return a.size() == b.size() &&
+         std::equal(a.begin(), a.end(), b.begin(), [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+// Appends the bytes to out, each byte that keep() refuses as "%XX".
+template <typename Keep>
+void appendPercentEncoded(std::string& out, std::string_view bytes, Keep keep) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  for (unsigned char c : bytes) {
+    if (keep(c)) {
+      out += static_cast<char>(c);
+    } else {
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+    }
+  }
+}
+
+}  // namespace zrk::detail
+
+#endif  // ZRK_PLATFORM_ZRKTEXT_H

@@ -8,4 +8,4 @@ cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc)" --target zrk-loopback-demo
-./build/examples/zrk-loopback-demo
+./build/bin/zrk-loopback-demo

@@ -1,10 +1,10 @@
 #include "zrk/ZRKDevice.h"
+#include "platform/ZRKUUID.h"
 
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <mutex>
-#include <random>
 
 #include <sys/utsname.h>
 
@@ -27,18 +27,6 @@ std::uint64_t fnv1a(std::string_view bytes, std::uint64_t hash) {
     hash *= 0x100000001b3ULL;
   }
   return hash;
-}
-
-std::string formatUUID(std::uint64_t high, std::uint64_t low) {
-  // Version 8 (custom) and the RFC 4122 variant, so the text is a valid UUID.
-  high = (high & ~0xF000ULL) | 0x8000ULL;
-  low = (low & ~(3ULL << 62)) | (2ULL << 62);
-  char text[37];
-  std::snprintf(text, sizeof text, "%08llX-%04llX-%04llX-%04llX-%012llX",
-                static_cast<unsigned long long>(high >> 32), static_cast<unsigned long long>((high >> 16) & 0xFFFF),
-                static_cast<unsigned long long>(high & 0xFFFF), static_cast<unsigned long long>(low >> 48),
-                static_cast<unsigned long long>(low & 0xFFFFFFFFFFFFULL));
-  return text;
 }
 
 }  // namespace
@@ -78,16 +66,14 @@ std::string ZRKDevice::defaultUserId() {
     std::string machineId = firstLine("/etc/machine-id");
     if (machineId.empty()) machineId = firstLine("/var/lib/dbus/machine-id");
     if (machineId.empty()) {
-      std::random_device random;
-      const std::uint64_t high = (std::uint64_t{random()} << 32) | random();
-      const std::uint64_t low = (std::uint64_t{random()} << 32) | random();
-      return formatUUID(high, low);
+      return detail::randomUUIDString();
     }
     // Salted with the program's name so that two apps on one machine differ,
     // and hashed so that the machine id itself never leaves the machine.
     const std::string program = firstLine("/proc/self/comm");
     const std::string material = "zrkapi:" + machineId + ":" + program;
-    return formatUUID(fnv1a(material, 0xcbf29ce484222325ULL), fnv1a(material, 0x84222325cbf29ce4ULL));
+    // Version 8: a custom, name-derived layout.
+    return detail::formatUUID(fnv1a(material, 0xcbf29ce484222325ULL), fnv1a(material, 0x84222325cbf29ce4ULL), 8);
   }();
   return id;
 }

@@ -30,6 +30,16 @@ void appendPercentEncoded(std::string& out, std::string_view bytes, Keep keep) {
   }
 }
 
+// True when the bytes are well-formed UTF-8 (no overlongs, surrogates or
+// code points past U+10FFFF), the only text a JSON value can carry.
+bool isValidUTF8(std::string_view bytes);
+
+// Each whitespace-separated word with its first letter upper case and the
+// rest lower case. Case is mapped for Latin (ASCII, Latin-1, Latin
+// Extended-A), Greek and Cyrillic letters; other characters, and bytes that
+// are not UTF-8, pass unchanged.
+std::string capitalized(std::string_view text);
+
 }  // namespace zrk::detail
 
 #endif  // ZRK_PLATFORM_ZRKTEXT_H

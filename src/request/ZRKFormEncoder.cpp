@@ -2,6 +2,7 @@
 #include "platform/ZRKText.h"
 
 #include <charconv>
+#include <cstdint>
 
 namespace zrk {
 namespace {
@@ -13,6 +14,7 @@ bool staysUnescaped(unsigned char c) {
 
 // The shortest decimal text that reads back as the same number.
 std::string numberDescription(const ZRKJson& number) {
+  if (number.is_boolean()) return number.get<bool>() ? "1" : "0";
   if (number.is_number_integer()) {
     return number.is_number_unsigned() ? std::to_string(number.get<std::uint64_t>())
                                        : std::to_string(number.get<std::int64_t>());
@@ -82,8 +84,12 @@ void appendPairs(std::string_view key, const ZRKJson& value, std::vector<ZRKQuer
     out.emplace_back(std::string(key), value.get<std::string>());
   } else if (value.is_null()) {
     out.emplace_back(std::string(key), std::nullopt);
+  } else if (value.is_binary()) {
+    out.emplace_back(std::string(key), value.dump());
   } else {
-    out.emplace_back(std::string(key), ZRKPercentEscapedObject(value).get<std::string>());
+    // Unescaped, as a value that did not go through ZRKPercentEscapedObject
+    // renders; a boolean is then a number, "1" or "0".
+    out.emplace_back(std::string(key), numberDescription(value));
   }
 }
 
@@ -106,6 +112,87 @@ std::string ZRKQueryStringFromParameters(const ZRKJson& parameters) {
     }
   }
   return query;
+}
+
+ZRKFormValue::ZRKFormValue(std::shared_ptr<const ZRKFormEncodable> object)
+    : kind_(Kind::object), object_(std::move(object)) {}
+
+ZRKFormValue ZRKFormValue::array(std::vector<ZRKFormValue> elements) {
+  ZRKFormValue value;
+  value.kind_ = Kind::array;
+  value.elements_ = std::move(elements);
+  return value;
+}
+
+ZRKFormValue ZRKFormValue::dictionary(std::vector<std::pair<std::string, ZRKFormValue>> entries) {
+  ZRKFormValue value;
+  value.kind_ = Kind::dictionary;
+  value.entries_ = std::move(entries);
+  return value;
+}
+
+std::optional<ZRKJson> ZRKFormEncoder::formEncodableValueForObject(const ZRKFormValue& value) {
+  switch (value.kind()) {
+    case ZRKFormValue::Kind::nothing:
+      return std::nullopt;
+    case ZRKFormValue::Kind::json:
+      return value.json();
+    case ZRKFormValue::Kind::object:
+      if (!value.object()) return std::nullopt;
+      return keyPairDictionaryForObject(*value.object());
+    case ZRKFormValue::Kind::array: {
+      // A container cannot hold nothing, so such elements are dropped.
+      ZRKJson out = ZRKJson::array();
+      for (const auto& element : value.elements()) {
+        if (auto converted = formEncodableValueForObject(element)) out.push_back(std::move(*converted));
+      }
+      return out;
+    }
+    case ZRKFormValue::Kind::dictionary: {
+      ZRKJson out = ZRKJson::object();
+      for (const auto& [key, element] : value.entries()) {
+        if (auto converted = formEncodableValueForObject(element)) out[key] = std::move(*converted);
+      }
+      return out;
+    }
+  }
+  return std::nullopt;
+}
+
+ZRKJson ZRKFormEncoder::keyPairDictionaryForObject(const ZRKFormEncodable& object) {
+  ZRKJson out = ZRKJson::object();
+  for (const auto& [property, field] : object.propertyNamesToFormFieldNamesMapping()) {
+    if (auto value = formEncodableValueForObject(object.valueForKey(property))) out[field] = std::move(*value);
+  }
+  const ZRKJson& additional = object.additionalAPIParameters();
+  if (additional.is_object()) {
+    for (const auto& [key, value] : additional.items()) out[key] = value;
+  }
+  return out;
+}
+
+ZRKJson ZRKFormEncoder::dictionaryForObject(const ZRKFormEncodable& object) {
+  ZRKJson fields = keyPairDictionaryForObject(object);
+  if (auto root = object.rootObjectName()) return ZRKJson{{*root, std::move(fields)}};
+  return fields;
+}
+
+std::string ZRKFormEncoder::stringByReplacingSnakeCaseWithCamelCase(std::string_view string) {
+  std::string out;
+  out.reserve(string.size());
+  std::size_t start = 0;
+  for (bool first = true;; first = false) {
+    const std::size_t end = std::min(string.find('_', start), string.size());
+    const std::string_view piece = string.substr(start, end - start);
+    if (first) {
+      out += piece;
+    } else {
+      out += detail::capitalized(piece);
+    }
+    if (end == string.size()) break;
+    start = end + 1;
+  }
+  return out;
 }
 
 }  // namespace zrk

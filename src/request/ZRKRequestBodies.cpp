@@ -21,6 +21,19 @@ void zrk_setJSONPayload(ZRKURLRequest& request, const ZRKJson& payload) {
   }
 }
 
+void zrk_setFormPayload(ZRKURLRequest& request, const ZRKJson& parameters) {
+  std::string body = ZRKQueryStringFromParameters(parameters);
+  request.setValue(std::to_string(body.size()), "Content-Length");
+  request.setHTTPBody(std::move(body));
+  request.setValue("application/x-www-form-urlencoded", "Content-Type");
+}
+
+void zrk_setMultipartFormData(ZRKURLRequest& request, std::string body, std::string_view boundary) {
+  request.setValue(std::to_string(body.size()), "Content-Length");
+  request.setHTTPBody(std::move(body));
+  request.setValue("multipart/form-data; boundary=" + std::string(boundary), "Content-Type");
+}
+
 void linkNSMutableURLRequestCategory() {}
 
 }  // namespace zrk

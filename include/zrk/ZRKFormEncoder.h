@@ -73,7 +73,10 @@ class ZRKFormValue {
   template <typename T>
     requires(!std::is_same_v<std::remove_cvref_t<T>, ZRKFormValue> && std::is_constructible_v<ZRKJson, T>)
   ZRKFormValue(T&& value) : kind_(Kind::json), json_(std::forward<T>(value)) {}  // NOLINT: implicit by design
-  ZRKFormValue(std::shared_ptr<const ZRKFormEncodable> object);                    // NOLINT: implicit by design
+  template <typename T>
+    requires std::is_base_of_v<ZRKFormEncodable, T>
+  ZRKFormValue(std::shared_ptr<T> object)  // NOLINT: implicit by design
+      : kind_(Kind::object), object_(std::move(object)) {}
   static ZRKFormValue array(std::vector<ZRKFormValue> elements);
   static ZRKFormValue dictionary(std::vector<std::pair<std::string, ZRKFormValue>> entries);
 

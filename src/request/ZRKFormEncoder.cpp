@@ -114,9 +114,6 @@ std::string ZRKQueryStringFromParameters(const ZRKJson& parameters) {
   return query;
 }
 
-ZRKFormValue::ZRKFormValue(std::shared_ptr<const ZRKFormEncodable> object)
-    : kind_(Kind::object), object_(std::move(object)) {}
-
 ZRKFormValue ZRKFormValue::array(std::vector<ZRKFormValue> elements) {
   ZRKFormValue value;
   value.kind_ = Kind::array;

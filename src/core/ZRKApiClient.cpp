@@ -1,8 +1,10 @@
 #include "zrk/ZRKApiClient.h"
 
+#include <cstdint>
 #include <mutex>
 
 #include "core/ZRKBase64.h"
+#include "core/ZRKNumberText.h"
 #include "zrk/ZRKApiRequest.h"
 #include "zrk/ZRKDevice.h"
 #include "zrk/ZRKUserSession.h"
@@ -98,8 +100,34 @@ ZRKURLRequest ZRKApiClient::configuredRequestForURL(const std::optional<ZRKURL>&
 
 std::map<std::string, std::string> ZRKApiClient::defaultHeaders() const {
   std::map<std::string, std::string> headers;
+  // Both families always travel together with one value.
+  const auto pair = [&headers](const std::string& suffix, const std::optional<std::string>& value) {
+    if (!value) return;
+    headers["ZRK-" + suffix] = *value;
+    headers["Pelmor-" + suffix] = *value;
+  };
   const auto token = ZRKApiAuthToken::token()->tokenString().value_or("");
   headers["Authorization"] = "Bearer " + detail::base64Encode(token);
+
+  pair("User-Id", ZRKAppConfiguration::sharedConfiguration()->appUserId());
+  const ZRKUInteger gender = userGender();
+  pair("User-Gender", gender == ZRKUserGenderFemale ? "female" : gender == ZRKUserGenderMale ? "male" : "other");
+  const auto session = ZRKUserSession::currentSession();
+  if (session->valid()) pair("User-Token", session->userToken());
+  pair("User-Type", "ios");
+  pair("User-Version", detail::formatFixed(detail::leadingFloat(ZRKDevice::systemVersion())));
+  pair("User-Model", deviceModel());
+  pair("App-Version", ZRKDevice::appBuildVersion());
+  // The age goes out as a 32-bit number, but the gate sees all of it.
+  const ZRKInteger age = userAge();
+  if (age > 0) pair("User-Age", std::to_string(static_cast<std::int32_t>(static_cast<std::uint32_t>(age))));
+  // Gated on the longitude alone, so the western hemisphere sends no location.
+  const float latitude = userLat();
+  const float longitude = userLng();
+  if (longitude > 0) {
+    pair("User-Lat", detail::formatFixed(latitude));
+    pair("User-Lng", detail::formatFixed(longitude));
+  }
   return headers;
 }
 

@@ -179,10 +179,22 @@ TEST(ApiClient, RedirectsCarryTheFirstRequestsHeadersToAnyHost) {
                                    });
   ASSERT_TRUE(test::runMainQueueUntil([&] { return done; }));
   ZRKApiAuthToken::clear();
+  const auto original = first.requests().at(0);
+  int copied = 0;
   for (const LoopbackServer* server : {&second, &third}) {
     ASSERT_EQ(server->count(), 1u);
-    EXPECT_EQ(server->requests().front().header("Authorization"), "Bearer YWJj");
+    const auto hop = server->requests().front();
+    EXPECT_EQ(hop.header("Authorization"), "Bearer YWJj");
+    for (const auto& [name, value] : original.headers) {
+      if (!name.starts_with("ZRK-") && !name.starts_with("Pelmor-")) continue;
+      EXPECT_EQ(hop.header(name), value) << name;
+      ++copied;
+    }
+    // The 302 turned the POST into a GET without a body, yet the first
+    // request's Content-Type was copied back on.
+    EXPECT_EQ(hop.header("Content-Type"), "application/json");
   }
+  EXPECT_GE(copied, 2 * 10);
   EXPECT_EQ(second.requests().front().method, "POST");
   EXPECT_EQ(third.requests().front().method, "GET");
 }

@@ -10,7 +10,6 @@ void linkNSErrorCategory();
 void linkNSDictionaryCategory();
 void linkNSMutableURLRequestCategory();
 void linkNSStringCategory();
-void linkNSURLComponentsCategory();
 void linkNSArrayCategory();
 
 class ZRKCategoryLoader {

@@ -1,4 +1,4 @@
-// URLs, URL components and query items.
+// URLs: parsing, validation, path appending and reference resolution.
 //
 // ZRKURL is an immutable, validated URL reference. Parsing follows RFC 3986:
 // a string holding a character that a URL may not carry unescaped (a space,

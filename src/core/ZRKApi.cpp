@@ -1,6 +1,7 @@
 #include "zrk/ZRKApi.h"
 
 #include "zrk/ZRKCategoryLoader.h"
+#include "zrk/ZRKURLComponentsQuery.h"
 
 namespace zrk {
 
@@ -14,7 +15,5 @@ void ZRKCategoryLoader::loadCategories() {
   linkNSURLComponentsCategory();
   linkNSArrayCategory();
 }
-
-void linkNSURLComponentsCategory() {}
 
 }  // namespace zrk

@@ -1,5 +1,6 @@
 #include "platform/ZRKText.h"
 
+#include <charconv>
 #include <cstdint>
 
 namespace zrk::detail {
@@ -121,6 +122,14 @@ bool isWhitespace(char32_t cp) {
 }
 
 }  // namespace
+
+std::string shortestDecimal(const ZRKJson& number) {
+  if (number.is_number_unsigned()) return std::to_string(number.get<std::uint64_t>());
+  if (number.is_number_integer()) return std::to_string(number.get<std::int64_t>());
+  char buffer[64];
+  const auto result = std::to_chars(buffer, buffer + sizeof buffer, number.get<double>());
+  return std::string(buffer, result.ptr);
+}
 
 bool isValidUTF8(std::string_view bytes) {
   for (std::size_t i = 0; i < bytes.size();) {

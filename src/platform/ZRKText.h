@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "zrk/ZRKJson.h"
+
 namespace zrk::detail {
 
 // ASCII case-insensitive equality, as header names and hosts compare.
@@ -29,6 +31,10 @@ void appendPercentEncoded(std::string& out, std::string_view bytes, Keep keep) {
     }
   }
 }
+
+// The shortest decimal text that reads back as the same JSON number ("1"
+// for 1.0, "0.1", "1e+20").
+std::string shortestDecimal(const ZRKJson& number);
 
 // True when the bytes are well-formed UTF-8 (no overlongs, surrogates or
 // code points past U+10FFFF), the only text a JSON value can carry.

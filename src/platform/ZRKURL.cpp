@@ -1,5 +1,6 @@
 #include "zrk/ZRKURL.h"
 #include "platform/ZRKText.h"
+#include "platform/ZRKURLCharacters.h"
 
 #include <curl/curl.h>
 
@@ -8,21 +9,7 @@
 namespace zrk {
 namespace {
 
-bool isHex(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
-bool isAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-bool isUnreserved(char c) { return isAlpha(c) || isDigit(c) || c == '-' || c == '.' || c == '_' || c == '~'; }
-bool isSubDelim(char c) {
-  switch (c) {
-    case '!': case '$': case '&': case '\'': case '(': case ')':
-    case '*': case '+': case ',': case ';': case '=':
-      return true;
-    default:
-      return false;
-  }
-}
+using namespace detail;  // the character classes
 
 // Every character RFC 3986 lets stand unescaped somewhere in a URL, and
 // percent escapes that are complete; at most one "#".

@@ -1,8 +1,6 @@
 #include "zrk/ZRKFormEncoder.h"
 #include "platform/ZRKText.h"
 
-#include <charconv>
-#include <cstdint>
 
 namespace zrk {
 namespace {
@@ -12,16 +10,10 @@ bool staysUnescaped(unsigned char c) {
          c == '_' || c == '~' || c == '/' || c == '?';
 }
 
-// The shortest decimal text that reads back as the same number.
+// A number's text as the platform describes it: a boolean is the number 1 or 0.
 std::string numberDescription(const ZRKJson& number) {
   if (number.is_boolean()) return number.get<bool>() ? "1" : "0";
-  if (number.is_number_integer()) {
-    return number.is_number_unsigned() ? std::to_string(number.get<std::uint64_t>())
-                                       : std::to_string(number.get<std::int64_t>());
-  }
-  char buffer[64];
-  const auto result = std::to_chars(buffer, buffer + sizeof buffer, number.get<double>());
-  return std::string(buffer, result.ptr);
+  return detail::shortestDecimal(number);
 }
 
 }  // namespace

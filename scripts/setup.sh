@@ -7,6 +7,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config git
   libcurl4-openssl-dev nlohmann-json3-dev
+  libturbojpeg0-dev libspng-dev libhwy-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
   gettext
 )

@@ -26,6 +26,13 @@
 
 namespace zrk {
 
+class ZRKImage;
+class ZRKScanAPIResponse;
+
+// Called with the match or the error; runs on the main thread, except for
+// the missing-image error of an image scan (see scanImage).
+using ZRKScanCompletion = std::function<void(std::shared_ptr<ZRKScanAPIResponse> result, std::optional<ZRKError> error)>;
+
 // Codes of userGender; every other value is sent as "other".
 enum ZRKUserGender : ZRKUInteger { ZRKUserGenderOther = 1, ZRKUserGenderFemale = 2, ZRKUserGenderMale = 3 };
 
@@ -103,6 +110,33 @@ class ZRKApiClient : public ZRKURLSessionDelegate, public std::enable_shared_fro
   void setUserAgeValue(ZRKInteger age);
   ZRKUInteger userGender() const;
   void setUserGenderValue(ZRKUInteger gender);
+
+  // Scanning. Each public scan first makes sure of the app token (through
+  // the shared client) and then sends its request whether or not that
+  // succeeded: a refused token shows as the scan's own error. A collection
+  // that is absent or "" scans the whole app; otherwise it goes into the path
+  // "app/v1/scan/<collection>" as it is, unescaped.
+  //
+  // The image's address: a URL (its text), or a JSON string (itself); any
+  // other JSON value sends no "fileUrl". The options ("collectionId",
+  // "fileUrl") travel as the JSON body. A call that yields neither result nor
+  // error does not call the completion.
+  void scanWithUrl(const std::optional<ZRKURL>& url, ZRKScanCompletion completion);
+  void scanWithUrl(const std::optional<ZRKURL>& url, const std::optional<std::string>& collection,
+                   ZRKScanCompletion completion);
+  void scanWithUrl(const ZRKJson& url, ZRKScanCompletion completion);
+  void scanWithUrl(const ZRKJson& url, const std::optional<std::string>& collection, ZRKScanCompletion completion);
+  // A photo, reduced so that neither side exceeds 1000 pixels and uploaded
+  // as a JPEG of quality 100 in a multipart body.
+  void scanWithImage(std::shared_ptr<const ZRKImage> image, ZRKScanCompletion completion);
+  void scanWithImage(std::shared_ptr<const ZRKImage> image, const std::optional<std::string>& collection,
+                     ZRKScanCompletion completion);
+  // The two requests themselves, without the token step.
+  void scanUrlWithOptions(const ZRKJson& options, ZRKScanCompletion completion);
+  // Without an image the completion (when there is one) gets error 1000 at
+  // once, on the calling thread, and nothing is sent. An answer's error body
+  // wins over a transport error.
+  void scanImage(std::shared_ptr<const ZRKImage> image, const ZRKJson& options, ZRKScanCompletion completion);
 
   ZRKApiClient(const ZRKApiClient&) = delete;
   ZRKApiClient& operator=(const ZRKApiClient&) = delete;

@@ -4,44 +4,10 @@
 #include "zrk/ZRKApiError.h"
 #include "zrk/ZRKDispatchFunctions.h"
 #include "zrk/ZRKRequestBodies.h"
+#include "request/ZRKJsonBody.h"
 
 namespace zrk {
 namespace {
-
-// Deeper nesting than any answer of the service has; past it a body is
-// treated as no JSON rather than risk the stack in recursive readers.
-constexpr int kMaximumJsonDepth = 256;
-
-bool nestsTooDeep(std::string_view text) {
-  int depth = 0;
-  bool inString = false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (inString) {
-      if (c == '\\') {
-        ++i;
-      } else if (c == '"') {
-        inString = false;
-      }
-    } else if (c == '"') {
-      inString = true;
-    } else if (c == '[' || c == '{') {
-      if (++depth > kMaximumJsonDepth) return true;
-    } else if (c == ']' || c == '}') {
-      --depth;
-    }
-  }
-  return false;
-}
-
-// Only an object or array at the top, as the platform's parser without
-// options accepts; an array then counts as no JSON for the readers.
-std::optional<ZRKJson> parseObject(const std::optional<std::string>& body) {
-  if (!body || body->empty() || nestsTooDeep(*body)) return std::nullopt;
-  ZRKJson json = ZRKJson::parse(*body, nullptr, /*allow_exceptions=*/false);
-  if (!json.is_object()) return std::nullopt;
-  return json;
-}
 
 bool hasKeys(const ZRKJson& parameters) { return parameters.is_object() && !parameters.empty(); }
 
@@ -150,7 +116,7 @@ void ZRKApiRequest::parseResponse(std::shared_ptr<const ZRKHTTPURLResponse> resp
   if (error) return finish(nullptr, std::move(error));
   if (deserializers.empty()) return finish(nullptr, zrk_genericFailedToParseResponseError());
 
-  const std::optional<ZRKJson> json = parseObject(body);
+  const std::optional<ZRKJson> json = detail::parseJSONObjectBody(body);
   const ZRKJson* parsed = json ? &*json : nullptr;
 
   const ZRKApiResponseDecodable* chosen = nullptr;

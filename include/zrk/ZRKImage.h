@@ -2,9 +2,10 @@
 // orientation, as a photo library or camera hands them over.
 //
 // An image is made from 8-bit RGBA pixels in memory, or from an encoded JPEG
-// or PNG (a buffer or a file). An image made from a JPEG keeps the encoded
-// bytes and decodes them on first need, so that scaling can decode straight
-// at a reduced size. Images are immutable and safe to share between threads.
+// or PNG (a buffer or a file). An image made from a JPEG or PNG keeps the
+// encoded bytes and decodes them once, on first need; scaling a JPEG that is
+// not decoded yet decodes it straight at a reduced size instead. Images are
+// immutable and safe to share between threads.
 //
 //   auto photo = zrk::ZRKImage::imageWithContentsOfFile("photo.jpg");
 //   auto small = zrk::zrk_imageScaledToFitSize(*photo, {1000, 750});
@@ -49,6 +50,7 @@ class ZRKImage {
   // JPEG cut short or with corrupt data decodes as far as it goes, the rest
   // grey, as photo viewers show it.
   static std::shared_ptr<ZRKImage> imageWithData(std::string data, double scale = 1);
+  // As imageWithData with a scale of 1; nullptr also when the file cannot be read.
   static std::shared_ptr<ZRKImage> imageWithContentsOfFile(const std::string& path);
 
   // The size in points: the pixel size divided by the scale, with width and
@@ -68,6 +70,7 @@ class ZRKImage {
   ZRKImage(const ZRKImage&) = delete;
   ZRKImage& operator=(const ZRKImage&) = delete;
 
+  // The library's own; defined where the codecs live.
   struct State;
   explicit ZRKImage(std::shared_ptr<State> state);
   const State& state() const { return *state_; }
@@ -87,9 +90,10 @@ class ZRKImage {
 std::shared_ptr<ZRKImage> zrk_imageScaledToFitSize(const ZRKImage& image, ZRKSize size);
 std::shared_ptr<ZRKImage> zrk_imageScaledToFitSize(const ZRKImage& image, ZRKSize size, double scale);
 
-// The image as a baseline JPEG, turned upright, with 4:2:0 chroma; quality
-// from 0.0 to 1.0 (1.0 is libjpeg's 100). nullopt when the image cannot be
-// decoded.
+// The image as a baseline JPEG, turned upright, with 4:2:0 chroma, without
+// EXIF and without alpha (the colour channels are written as stored).
+// Quality from 0.0 to 1.0 becomes libjpeg's round(quality * 100), kept within
+// 1-100. nullopt when the image cannot be decoded.
 std::optional<std::string> ZRKImageJPEGRepresentation(const ZRKImage& image, double compressionQuality);
 
 }  // namespace zrk

@@ -8,12 +8,11 @@
 #include "zrk/ZRKMultipartFormData.h"
 #include "zrk/ZRKRequestBodies.h"
 #include "zrk/ZRKScanAPIResponse.h"
+#include "endpoints/ZRKScanUpload.h"
 #include "request/ZRKJsonBody.h"
 
 namespace zrk {
 namespace {
-
-constexpr double kLongestSide = 1000;
 
 ZRKJson optionsWithCollection(const std::optional<std::string>& collection) {
   ZRKJson options = ZRKJson::object();
@@ -96,21 +95,11 @@ void ZRKApiClient::scanImage(std::shared_ptr<const ZRKImage> image, const ZRKJso
     return;
   }
 
-  // The longer side becomes 1000 pixels; ties take the height.
-  const ZRKSize points = image->size();
-  const double width = points.width * image->scale();
-  const double height = points.height * image->scale();
-  if (height > kLongestSide || width > kLongestSide) {
-    const double factor = height >= width ? kLongestSide / height : kLongestSide / width;
-    image = zrk_imageScaledToFitSize(*image, ZRKSize{width * factor, height * factor});
-  }
-
-  // A failed scaling is not checked: the part then carries no content.
   ZRKMultipartFormDataPart part;
   part.setName("file");
   part.setFilename("image.jpg");
   part.setContentType("multipart/form-data");
-  if (image) part.setData(ZRKImageJPEGRepresentation(*image, 1.0));
+  part.setData(detail::scanUploadJPEG(*image));
   const std::string boundary = ZRKMultipartFormDataEncoder::generateBoundary();
 
   std::optional<ZRKURL> url = apiURL();

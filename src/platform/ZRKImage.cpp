@@ -1,0 +1,185 @@
+#include "zrk/ZRKImage.h"
+#include "platform/ZRKImageCodec.h"
+#include "platform/ZRKResampler.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+
+namespace zrk {
+
+using detail::RGBAImage;
+
+struct ZRKImage::State {
+  enum class Encoding { none, jpeg, png };
+
+  // Fixed at construction.
+  Encoding encoding = Encoding::none;
+  std::string encoded;
+  int width = 0;
+  int height = 0;
+  double scale = 1;
+  ZRKImageOrientation orientation = ZRKImageOrientation::up;
+
+  // An encoded image decodes once, on first need; every later reader gets
+  // the same outcome, failure included.
+  mutable std::mutex mutex;
+  mutable bool decodeAttempted = false;                         // GUARDED_BY(mutex)
+  mutable std::shared_ptr<const std::vector<std::uint8_t>> pixels;  // GUARDED_BY(mutex)
+
+  std::shared_ptr<const std::vector<std::uint8_t>> decodedPixels() const {
+    std::lock_guard lock(mutex);
+    if (!decodeAttempted) {
+      decodeAttempted = true;
+      std::optional<RGBAImage> image =
+          encoding == Encoding::jpeg ? detail::decodeJPEG(encoded) : detail::decodePNG(encoded);
+      if (image && image->width == width && image->height == height) {
+        pixels = std::make_shared<const std::vector<std::uint8_t>>(std::move(image->pixels));
+      }
+    }
+    return pixels;
+  }
+
+  bool hasDecoded() const {
+    std::lock_guard lock(mutex);
+    return decodeAttempted;
+  }
+};
+
+namespace {
+
+double normalizedScale(double scale) { return std::isfinite(scale) && scale > 0 ? scale : 1; }
+
+// A side as C truncates it into an unsigned, with what C leaves undefined
+// (negative, NaN, beyond 32 bits) made 0 or too large.
+std::int64_t truncatedSide(double value) {
+  if (!(value >= 0)) return 0;
+  if (value >= 4294967296.0) return std::int64_t{1} << 32;
+  return static_cast<std::int64_t>(static_cast<std::uint32_t>(value));
+}
+
+}  // namespace
+
+ZRKImage::ZRKImage(std::shared_ptr<State> state) : state_(std::move(state)) {}
+ZRKImage::~ZRKImage() = default;
+
+std::shared_ptr<ZRKImage> ZRKImage::imageWithRGBAPixels(std::vector<std::uint8_t> pixels, int width, int height,
+                                                         double scale, ZRKImageOrientation orientation) {
+  if (width <= 0 || height <= 0 ||
+      pixels.size() != static_cast<std::uint64_t>(width) * static_cast<std::uint64_t>(height) * 4) {
+    return nullptr;
+  }
+  auto state = std::make_shared<State>();
+  state->width = width;
+  state->height = height;
+  state->scale = normalizedScale(scale);
+  state->orientation = orientation;
+  state->decodeAttempted = true;
+  state->pixels = std::make_shared<const std::vector<std::uint8_t>>(std::move(pixels));
+  return std::make_shared<ZRKImage>(std::move(state));
+}
+
+std::shared_ptr<ZRKImage> ZRKImage::imageWithData(std::string data, double scale) {
+  std::optional<detail::EncodedImageInfo> info;
+  State::Encoding encoding = State::Encoding::none;
+  if (detail::looksLikeJPEG(data)) {
+    info = detail::readJPEGInfo(data);
+    encoding = State::Encoding::jpeg;
+  } else if (detail::looksLikePNG(data)) {
+    info = detail::readPNGInfo(data);
+    encoding = State::Encoding::png;
+  }
+  if (!info) return nullptr;
+  auto state = std::make_shared<State>();
+  state->encoding = encoding;
+  state->encoded = std::move(data);
+  state->width = info->width;
+  state->height = info->height;
+  state->scale = normalizedScale(scale);
+  state->orientation = info->orientation;
+  return std::make_shared<ZRKImage>(std::move(state));
+}
+
+std::shared_ptr<ZRKImage> ZRKImage::imageWithContentsOfFile(const std::string& path) {
+  // One read of the whole file: a photo is megabytes, and a byte-wise
+  // copy costs more than decoding its header.
+  std::ifstream file(path, std::ios::binary | std::ios::ate);
+  if (!file) return nullptr;
+  const std::streamoff size = file.tellg();
+  if (size < 0) return nullptr;
+  std::string data(static_cast<std::size_t>(size), '\0');
+  file.seekg(0);
+  if (!file.read(data.data(), size)) return nullptr;
+  return imageWithData(std::move(data));
+}
+
+ZRKSize ZRKImage::size() const {
+  const State& s = *state_;
+  const double width = s.width / s.scale, height = s.height / s.scale;
+  return detail::isSideways(s.orientation) ? ZRKSize{height, width} : ZRKSize{width, height};
+}
+
+double ZRKImage::scale() const { return state_->scale; }
+ZRKImageOrientation ZRKImage::imageOrientation() const { return state_->orientation; }
+int ZRKImage::pixelWidth() const { return state_->width; }
+int ZRKImage::pixelHeight() const { return state_->height; }
+
+std::shared_ptr<const std::vector<std::uint8_t>> ZRKImage::RGBAPixels() const { return state_->decodedPixels(); }
+
+std::shared_ptr<ZRKImage> zrk_imageScaledToFitSize(const ZRKImage& image, ZRKSize size) {
+  return zrk_imageScaledToFitSize(image, size, 1.0);
+}
+
+std::shared_ptr<ZRKImage> zrk_imageScaledToFitSize(const ZRKImage& image, ZRKSize size, double scale) {
+  std::int64_t width = truncatedSide(static_cast<double>(truncatedSide(size.width)) * scale);
+  std::int64_t height = truncatedSide(static_cast<double>(truncatedSide(size.height)) * scale);
+  if (!detail::isWithinImageLimits(width, height)) return nullptr;
+  const ZRKImage::State& state = image.state();
+  if (detail::isSideways(state.orientation)) std::swap(width, height);
+  const int dstWidth = static_cast<int>(width), dstHeight = static_cast<int>(height);
+
+  // A JPEG not yet decoded in full is decoded straight at a reduced size:
+  // far less memory and time for a phone photo that becomes 1000 px.
+  std::optional<RGBAImage> reduced;
+  if (state.encoding == ZRKImage::State::Encoding::jpeg && !state.hasDecoded() &&
+      detail::jpegReductionFor(state.width, state.height, dstWidth, dstHeight) != detail::JPEGScale{}) {
+    reduced = detail::decodeJPEGForTarget(state.encoded, dstWidth, dstHeight);
+    if (!reduced) return nullptr;
+  }
+  std::shared_ptr<const std::vector<std::uint8_t>> full;
+  detail::PixelView src;
+  if (reduced) {
+    src = {reduced->pixels.data(), reduced->width, reduced->height, std::ptrdiff_t{reduced->width} * 4, 4};
+  } else {
+    full = image.RGBAPixels();
+    if (!full) return nullptr;
+    src = {full->data(), state.width, state.height, std::ptrdiff_t{state.width} * 4, 4};
+  }
+
+  std::vector<std::uint8_t> pixels;
+  if (src.width == dstWidth && src.height == dstHeight) {
+    pixels.assign(src.data, src.data + static_cast<std::size_t>(src.stride) * src.height);
+  } else {
+    pixels.resize(static_cast<std::size_t>(dstWidth) * dstHeight * 4);
+    const detail::MutablePixelView dst{pixels.data(), dstWidth, dstHeight, std::ptrdiff_t{dstWidth} * 4, 4};
+    if (!detail::resample(src, dst)) return nullptr;
+  }
+  return ZRKImage::imageWithRGBAPixels(std::move(pixels), dstWidth, dstHeight, 1, state.orientation);
+}
+
+std::optional<std::string> ZRKImageJPEGRepresentation(const ZRKImage& image, double compressionQuality) {
+  const auto pixels = image.RGBAPixels();
+  if (!pixels) return std::nullopt;
+  const double rounded = std::round(compressionQuality * 100);
+  const int quality = std::isnan(rounded) ? 1 : static_cast<int>(std::clamp(rounded, 1.0, 100.0));
+  const ZRKImage::State& state = image.state();
+  if (state.orientation == ZRKImageOrientation::up) {
+    return detail::encodeJPEG(pixels->data(), state.width, state.height, quality);
+  }
+  const RGBAImage upright = detail::orientedUpright(pixels->data(), state.width, state.height, state.orientation);
+  return detail::encodeJPEG(upright.pixels.data(), upright.width, upright.height, quality);
+}
+
+}  // namespace zrk

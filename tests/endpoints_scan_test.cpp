@@ -1,13 +1,17 @@
 #include <gtest/gtest.h>
+#include <spng.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <future>
 
 #include "support/LoopbackServer.h"
 #include "support/MainQueueWait.h"
+#include "support/RawRecorder.h"
 #include "zrk/ZRKApiClient.h"
 #include "zrk/ZRKApiError.h"
+#include "zrk/ZRKImage.h"
 #include "zrk/ZRKScanAPIResponse.h"
 
 namespace zrk {
@@ -220,14 +224,6 @@ TEST_F(ScanTest, AnUndecodableUrlScanAnswerIsAnError) {
   EXPECT_EQ(outcome->error->code, 32);
 }
 
-}  // namespace
-}  // namespace zrk
-
-#include "support/RawRecorder.h"
-#include "zrk/ZRKImage.h"
-
-namespace zrk {
-namespace {
 
 // A token that expires in 2100.
 std::shared_ptr<ZRKApiAuthToken> validToken() {
@@ -293,6 +289,44 @@ TEST_F(ScanTest, ImageScansAreReducedToAThousandPixelsOnTheLongerSide) {
     EXPECT_EQ(jpeg->pixelWidth(), cases[i].sentWidth) << i;
     EXPECT_EQ(jpeg->pixelHeight(), cases[i].sentHeight) << i;
   }
+}
+
+// A PNG as a screenshot tool writes it.
+std::string pngOf(const ZRKImage& image) {
+  spng_ctx* context = spng_ctx_new(SPNG_CTX_ENCODER);
+  spng_set_option(context, SPNG_ENCODE_TO_BUFFER, 1);
+  spng_ihdr header{static_cast<std::uint32_t>(image.pixelWidth()), static_cast<std::uint32_t>(image.pixelHeight()), 8,
+                   SPNG_COLOR_TYPE_TRUECOLOR_ALPHA, 0, 0, 0};
+  spng_set_ihdr(context, &header);
+  const auto pixels = image.RGBAPixels();
+  std::string png;
+  if (spng_encode_image(context, pixels->data(), pixels->size(), SPNG_FMT_PNG, SPNG_ENCODE_FINALIZE) == 0) {
+    std::size_t length = 0;
+    int error = 0;
+    char* buffer = static_cast<char*>(spng_get_png_buffer(context, &length, &error));
+    if (buffer) png.assign(buffer, length);
+    std::free(buffer);
+  }
+  spng_ctx_free(context);
+  return png;
+}
+
+TEST_F(ScanTest, APngScanUploadsOneJpegOfAThousandPixels) {
+  test::RawRecorder service(kScanAnswer);
+  client->setApiURL(ZRKURL::URLWithString(service.url()));
+  ZRKApiAuthToken::setToken(validToken());
+  const auto png = ZRKImage::imageWithData(pngOf(*pattern(2000, 1500)));
+  ASSERT_TRUE(png);
+  auto outcome = std::make_shared<ScanOutcome>();
+  client->scanWithImage(png, "posters", recorder(outcome));
+  wait(outcome);
+  const auto sent = service.requests(1);
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_TRUE(sent[0].starts_with("POST /app/v1/scan/posters HTTP/1.1\r\n"));
+  const auto jpeg = ZRKImage::imageWithData(uploadedJpeg(sent[0].substr(sent[0].find("\r\n\r\n") + 4)));
+  ASSERT_TRUE(jpeg);
+  EXPECT_EQ(jpeg->pixelWidth(), 1000);
+  EXPECT_EQ(jpeg->pixelHeight(), 750);
 }
 
 TEST_F(ScanTest, AnImageScanIsOneExactMultipartRequest) {

@@ -144,6 +144,7 @@ class ZRKApiClient : public ZRKURLSessionDelegate, public std::enable_shared_fro
 
  private:
   ZRKApiClient();
+  void sendImageScan(const ZRKImage& image, const std::string& endpoint, ZRKScanCompletion completion);
   struct Fields;
   std::unique_ptr<Fields> fields_;
 };

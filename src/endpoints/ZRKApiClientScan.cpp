@@ -5,6 +5,7 @@
 #include "zrk/ZRKDictionaryAccessors.h"
 #include "zrk/ZRKDispatchFunctions.h"
 #include "zrk/ZRKImage.h"
+#include "zrk/ZRKMainQueue.h"
 #include "zrk/ZRKMultipartFormData.h"
 #include "zrk/ZRKRequestBodies.h"
 #include "zrk/ZRKScanAPIResponse.h"
@@ -95,15 +96,29 @@ void ZRKApiClient::scanImage(std::shared_ptr<const ZRKImage> image, const ZRKJso
     return;
   }
 
+  // Scaling and encoding a photo takes tens of milliseconds: never on the
+  // main thread, where the token step may have left this call.
+  auto upload = [self = shared_from_this(), image = std::move(image), endpoint = endpointFor(options),
+                 completion = std::move(completion)]() mutable {
+    self->sendImageScan(*image, endpoint, std::move(completion));
+  };
+  if (ZRKMainQueue::isMainThread()) {
+    ZRKGlobalQueue::globalQueue().async(std::move(upload));
+  } else {
+    upload();
+  }
+}
+
+void ZRKApiClient::sendImageScan(const ZRKImage& image, const std::string& endpoint, ZRKScanCompletion completion) {
   ZRKMultipartFormDataPart part;
   part.setName("file");
   part.setFilename("image.jpg");
   part.setContentType("multipart/form-data");
-  part.setData(detail::scanUploadJPEG(*image));
+  part.setData(detail::scanUploadJPEG(image));
   const std::string boundary = ZRKMultipartFormDataEncoder::generateBoundary();
 
   std::optional<ZRKURL> url = apiURL();
-  if (url) url = url->URLByAppendingPathComponent(endpointFor(options));
+  if (url) url = url->URLByAppendingPathComponent(endpoint);
   ZRKURLRequest request = configuredRequestForURL(url);
   request.setHTTPMethod("POST");
   zrk_setMultipartFormData(request, ZRKMultipartFormDataEncoder::multipartFormDataForParts({part}, boundary), boundary);

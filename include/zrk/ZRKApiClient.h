@@ -138,6 +138,10 @@ class ZRKApiClient : public ZRKURLSessionDelegate, public std::enable_shared_fro
   // wins over a transport error.
   void scanImage(std::shared_ptr<const ZRKImage> image, const ZRKJson& options, ZRKScanCompletion completion);
 
+  // User accounts.
+
+  // Collections and scan history.
+
   ZRKApiClient(const ZRKApiClient&) = delete;
   ZRKApiClient& operator=(const ZRKApiClient&) = delete;
   ~ZRKApiClient() override;

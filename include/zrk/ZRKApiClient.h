@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "zrk/ZRKApiAuthToken.h"
 #include "zrk/ZRKAppConfiguration.h"
@@ -26,12 +27,24 @@
 
 namespace zrk {
 
+class ZRKCollection;
 class ZRKImage;
 class ZRKScanAPIResponse;
+class ZRKScanHistory;
+class ZRKUser;
+class ZRKUserAPIResponse;
 
 // Called with the match or the error; runs on the main thread, except for
 // the missing-image error of an image scan (see scanImage).
 using ZRKScanCompletion = std::function<void(std::shared_ptr<ZRKScanAPIResponse> result, std::optional<ZRKError> error)>;
+
+// Called with the decoded account or the error.
+using ZRKUserCompletion = std::function<void(std::shared_ptr<ZRKUserAPIResponse> result, std::optional<ZRKError> error)>;
+// Called with the list inside the answer or the error.
+using ZRKCollectionsCompletion = std::function<void(std::optional<std::vector<std::shared_ptr<ZRKCollection>>> collections,
+                                                    std::optional<ZRKError> error)>;
+using ZRKScanHistoryCompletion = std::function<void(std::optional<std::vector<std::shared_ptr<ZRKScanHistory>>> result,
+                                                    std::optional<ZRKError> error)>;
 
 // Codes of userGender; every other value is sent as "other".
 enum ZRKUserGender : ZRKUInteger { ZRKUserGenderOther = 1, ZRKUserGenderFemale = 2, ZRKUserGenderMale = 3 };
@@ -139,8 +152,67 @@ class ZRKApiClient : public ZRKURLSessionDelegate, public std::enable_shared_fro
   void scanImage(std::shared_ptr<const ZRKImage> image, const ZRKJson& options, ZRKScanCompletion completion);
 
   // User accounts.
+  //
+  // Each operation builds its parameters before it returns, so a user that
+  // lacks a mandatory field throws std::invalid_argument there and nothing
+  // is sent (ZRKUser.h). It then makes sure of the app token; when that
+  // fails, the call ends in silence: nothing is sent and the completion is
+  // never called. Otherwise one request goes out and the completion gets the
+  // decoded account or the error, on the main thread; nothing is retried.
+  // Without a user (or, for retrieveUser, without a token or with "") an
+  // operation does nothing at all. An empty completion is never called.
+
+  // POST "app/v1/user": email, name and password, plus birthdate, gender
+  // and avatar where the user has them.
+  void registerUser(std::shared_ptr<const ZRKUser> user, ZRKUserCompletion completion);
+  // PATCH "app/v1/user" with the same fields.
+  void updateUserProfile(std::shared_ptr<const ZRKUser> user, ZRKUserCompletion completion);
+  // Sends exactly what registerUser sends: the avatar travels as the user's
+  // avatar address, and the image is not used.
+  void updateUserAvatar(std::shared_ptr<const ZRKUser> user, std::shared_ptr<const ZRKImage> image,
+                        ZRKUserCompletion completion);
+  // GET "app/v1/user" with the token in the query under both
+  // "ZRK-User-Token" and "Pelmor-User-Token".
+  void retrieveUser(const std::optional<std::string>& userToken, ZRKUserCompletion completion);
+  // POST "app/v1/user/auth" with email and password. Only when there is a
+  // completion does a token in the answer become the session's user token
+  // (ZRKUserSession.h), just before the completion runs; without one the
+  // session is left as it is.
+  void loginUser(std::shared_ptr<const ZRKUser> user, ZRKUserCompletion completion);
+  // DELETE "app/v1/user/auth" with email and password in the query. The
+  // completion runs twice: before this returns, on the calling thread, with
+  // (nullptr, nullopt) to say the logout is under way; then with the answer,
+  // once the session has been cleared whatever the answer. Without a
+  // completion the session is left as it is. No user, or one without
+  // password or email, gets error 10001 "Invalid user" once, on the calling
+  // thread, and nothing is sent.
+  void logoutUser(std::shared_ptr<const ZRKUser> user, ZRKUserCompletion completion);
+  // The requests behind the operations above, without their guards: a null
+  // user sends no parameters. The GET does not use its user.
+  void createUserAPIGetRequest(std::shared_ptr<const ZRKUser> user, ZRKUserCompletion completion);
+  void createUserAPIPostRequest(std::shared_ptr<const ZRKUser> user, ZRKUserCompletion completion);
+  void createUserAPIPatchRequest(std::shared_ptr<const ZRKUser> user, ZRKUserCompletion completion);
 
   // Collections and scan history.
+  //
+  // Each listing makes sure of the app token and then sends one GET whether
+  // or not that succeeded: a refused token shows as the listing's own error.
+  // The completion gets the list inside the answer (ZRKCollection.h,
+  // ZRKScanHistory.h), not the answer, or the error, on the main thread;
+  // nothing is retried. An answer that decodes without a list and without an
+  // error ends in silence (this library's decoders always give a list); an
+  // empty completion is never called.
+
+  // GET "app/v1/collection" with no parameters.
+  void retrieveCollectionsWithCompletion(ZRKCollectionsCompletion completion);
+  // GET "app/v1/history?count=<count>&offset=<offset>". A count of 0 asks
+  // for 20; every other count, negative ones too, and every offset are sent
+  // as given.
+  void retrieveScanHistoryWithCount(ZRKInteger count, ZRKInteger offset, ZRKScanHistoryCompletion completion);
+  // The two requests themselves, without the token step. The options go
+  // into the query unchanged.
+  void send(ZRKCollectionsCompletion completion);
+  void sendWithOptions(const ZRKJson& options, ZRKScanHistoryCompletion completion);
 
   ZRKApiClient(const ZRKApiClient&) = delete;
   ZRKApiClient& operator=(const ZRKApiClient&) = delete;

@@ -7,6 +7,7 @@
 
 #include "support/LoopbackServer.h"
 #include "support/MainQueueWait.h"
+#include "support/ServiceTest.h"
 #include "zrk/ZRKApiClient.h"
 #include "zrk/ZRKApiError.h"
 #include "zrk/ZRKApiRequest.h"
@@ -77,21 +78,14 @@ TEST(UserSession, AnUnsetTokenIsValidAnEmptyOneIsNot) {
   EXPECT_EQ(ZRKUserSession::currentSession()->userToken(), "");
 }
 
-// The shared client against a loopback service whose answer to
-// "app/v1/auth" the test picks; every other path answers {"value": "ok"}.
-class AuthFlowTest : public ::testing::Test {
+// The token step answers with what each test picks; every other path
+// answers {"value": "ok"}.
+class AuthFlowTest : public test::ServiceTest {
  protected:
   void SetUp() override {
-    ZRKApiAuthToken::clear();
-    ZRKApiClient::setBaseUrl(server.url());
-    server.script([this](const RecordedRequest& request) {
-      if (request.path == "/app/v1/auth") return authAnswer;
-      return ScriptedResponse{.body = R"({"value":"ok"})"};
-    });
-  }
-  void TearDown() override {
-    ZRKApiAuthToken::clear();
-    ZRKApiClient::setBaseUrl(ZRKDefaultBaseURL);
+    ServiceTest::SetUp();
+    authAnswer = {};
+    endpointAnswer = {.body = R"({"value":"ok"})"};
   }
 
   // What an endpoint does: refresh, then its own request from the completion.
@@ -110,8 +104,6 @@ class AuthFlowTest : public ::testing::Test {
     return out;
   }
 
-  LoopbackServer server;
-  ScriptedResponse authAnswer;
 };
 
 using Paths = std::vector<std::string>;

@@ -4,6 +4,7 @@
 
 #include "support/LoopbackServer.h"
 #include "support/MainQueueWait.h"
+#include "support/ServiceTest.h"
 #include "zrk/ZRKApi.h"
 #include "zrk/ZRKApiRequest.h"
 #include "zrk/ZRKCategoryLoader.h"
@@ -15,12 +16,7 @@ namespace {
 using test::LoopbackServer;
 using test::ScriptedResponse;
 
-std::shared_ptr<ZRKApiAuthToken> validToken(const std::string& text) {
-  auto token = std::make_shared<ZRKApiAuthToken>();
-  token->setTokenString(text);
-  token->setExpire(std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count() + 3600);
-  return token;
-}
+using test::validToken;
 
 TEST(ApiFacade, ReportsItsVersions) {
   EXPECT_EQ(ZRKApi::sdkVersion(), "1.0.0");

@@ -6,6 +6,7 @@
 #include "core/ZRKNumberText.h"
 #include "support/LoopbackServer.h"
 #include "support/MainQueueWait.h"
+#include "support/ServiceTest.h"
 #include "support/RawRecorder.h"
 #include "zrk/ZRKApiClient.h"
 #include "zrk/ZRKApiRequest.h"
@@ -17,12 +18,7 @@ namespace {
 
 using Headers = std::map<std::string, std::string>;
 
-std::shared_ptr<ZRKApiAuthToken> validToken(const std::string& text) {
-  auto token = std::make_shared<ZRKApiAuthToken>();
-  token->setTokenString(text);
-  token->setExpire(std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count() + 3600);
-  return token;
-}
+using test::validToken;
 
 // Leaves the shared token, session and build version as it found them.
 class DefaultHeadersTest : public ::testing::Test {

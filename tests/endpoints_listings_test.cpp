@@ -7,6 +7,7 @@
 #include "endpoints/ZRKListingCompletion.h"
 #include "support/LoopbackServer.h"
 #include "support/MainQueueWait.h"
+#include "support/ServiceTest.h"
 #include "zrk/ZRKApiClient.h"
 #include "zrk/ZRKApiError.h"
 #include "zrk/ZRKCollection.h"
@@ -159,21 +160,11 @@ struct ListingOutcome {
 using CollectionsOutcome = ListingOutcome<ZRKCollectionList>;
 using HistoryOutcome = ListingOutcome<ZRKScanHistoryList>;
 
-// The shared client against a loopback service: the token step answers with
-// a token valid until 2100, a listing with what the test scripts.
-class ListingTest : public ::testing::Test {
+class ListingTest : public test::ServiceTest {
  protected:
   void SetUp() override {
-    ZRKApiAuthToken::clear();
-    ZRKApiClient::setBaseUrl(server.url());
-    server.script([this](const RecordedRequest& request) {
-      if (request.path == "/app/v1/auth") return authAnswer;
-      return listingAnswer;
-    });
-  }
-  void TearDown() override {
-    ZRKApiAuthToken::clear();
-    ZRKApiClient::setBaseUrl(ZRKDefaultBaseURL);
+    ServiceTest::SetUp();
+    endpointAnswer = {.body = R"({"result":[],"total":0})"};
   }
 
   // Waits for the completion, then a little longer to catch a second call.
@@ -194,14 +185,10 @@ class ListingTest : public ::testing::Test {
     return out;
   }
 
-  LoopbackServer server;
-  std::shared_ptr<ZRKApiClient> client = ZRKApiClient::sharedClient();
-  ScriptedResponse authAnswer{.body = R"({"token":"t1","expire":4102444800})"};
-  ScriptedResponse listingAnswer{.body = R"({"result":[],"total":0})"};
 };
 
 TEST_F(ListingTest, RequestsOnTheWireWithCountZeroAsTwenty) {
-  listingAnswer.body = R"({"result":[{"id":"c1","scanId":"s1","lat":59.9},{"id":"c2"}],"total":41})";
+  endpointAnswer.body = R"({"result":[{"id":"c1","scanId":"s1","lat":59.9},{"id":"c2"}],"total":41})";
   CollectionsOutcome collections;
   client->retrieveCollectionsWithCompletion(collections.recorder());
   wait(collections);
@@ -238,7 +225,7 @@ TEST_F(ListingTest, RequestsOnTheWireWithCountZeroAsTwenty) {
 TEST_F(ListingTest, ErrorsArriveWithoutAList) {
   // A refused token does not stop the listing; its own refusal is the error.
   authAnswer = {.status = 500, .body = R"({"code":500,"message":"down"})"};
-  listingAnswer = {.status = 401, .body = R"({"code":401,"message":"no token"})"};
+  endpointAnswer = {.status = 401, .body = R"({"code":401,"message":"no token"})"};
   HistoryOutcome refused;
   client->retrieveScanHistoryWithCount(10, 0, refused.recorder());
   wait(refused);
@@ -247,7 +234,7 @@ TEST_F(ListingTest, ErrorsArriveWithoutAList) {
   EXPECT_EQ(server.count(), 2u);
 
   // Collections without a list fail to parse; a history without one is empty.
-  listingAnswer = {.status = 200, .body = R"({"total":3})"};
+  endpointAnswer = {.status = 200, .body = R"({"total":3})"};
   CollectionsOutcome unlisted;
   client->send(unlisted.recorder());
   wait(unlisted);

@@ -9,6 +9,7 @@
 #include "support/LoopbackServer.h"
 #include "support/MainQueueWait.h"
 #include "support/RawRecorder.h"
+#include "support/ServiceTest.h"
 #include "zrk/ZRKApiClient.h"
 #include "zrk/ZRKApiError.h"
 #include "zrk/ZRKImage.h"
@@ -18,6 +19,7 @@ namespace zrk {
 namespace {
 
 using test::LoopbackServer;
+using test::validToken;
 using test::RecordedRequest;
 using test::ScriptedResponse;
 
@@ -110,21 +112,11 @@ struct ScanOutcome {
   std::optional<ZRKError> error;
 };
 
-// The shared client against a loopback service: the token step answers with
-// a token the test picks, a scan with what the test scripts.
-class ScanTest : public ::testing::Test {
+class ScanTest : public test::ServiceTest {
  protected:
   void SetUp() override {
-    ZRKApiAuthToken::clear();
-    ZRKApiClient::setBaseUrl(server.url());
-    server.script([this](const RecordedRequest& request) {
-      if (request.path == "/app/v1/auth") return authAnswer;
-      return scanAnswer;
-    });
-  }
-  void TearDown() override {
-    ZRKApiAuthToken::clear();
-    ZRKApiClient::setBaseUrl(ZRKDefaultBaseURL);
+    ServiceTest::SetUp();
+    endpointAnswer = {.body = R"({"id":"s1","score":87,"triggerId":"tr"})"};
   }
 
   ZRKScanCompletion recorder(const std::shared_ptr<ScanOutcome>& outcome) {
@@ -144,18 +136,7 @@ class ScanTest : public ::testing::Test {
     EXPECT_TRUE(outcome->onMainThread.load());
   }
 
-  std::vector<RecordedRequest> scans() const {
-    std::vector<RecordedRequest> out;
-    for (const auto& request : server.requests()) {
-      if (request.path != "/app/v1/auth") out.push_back(request);
-    }
-    return out;
-  }
 
-  LoopbackServer server;
-  std::shared_ptr<ZRKApiClient> client = ZRKApiClient::sharedClient();
-  ScriptedResponse authAnswer{.body = R"({"token":"t1","expire":4102444800})"};
-  ScriptedResponse scanAnswer{.body = R"({"id":"s1","score":87,"triggerId":"tr"})"};
 };
 
 TEST_F(ScanTest, UrlScanSendsOptionsInThePathAndTheBody) {
@@ -166,7 +147,7 @@ TEST_F(ScanTest, UrlScanSendsOptionsInThePathAndTheBody) {
   EXPECT_EQ(outcome->result->scanId(), "s1");
   EXPECT_EQ(outcome->result->score(), 87);
   EXPECT_FALSE(outcome->error);
-  const auto sent = scans();
+  const auto sent = endpointRequests();
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(sent[0].method, "POST");
   EXPECT_EQ(sent[0].target, "/app/v1/scan/abc");
@@ -185,7 +166,7 @@ TEST_F(ScanTest, UrlScanVariantsOfCollectionAndAddress) {
   auto outcome = std::make_shared<ScanOutcome>();
   client->scanWithUrl(ZRKJson(42), recorder(outcome));
   wait(outcome);
-  const auto sent = scans();
+  const auto sent = endpointRequests();
   ASSERT_EQ(sent.size(), 3u);
   EXPECT_EQ(sent[0].target, "/app/v1/scan");
   EXPECT_EQ(sent[1].target, "/app/v1/scan");
@@ -196,7 +177,7 @@ TEST_F(ScanTest, UrlScanVariantsOfCollectionAndAddress) {
 
 TEST_F(ScanTest, AFailedTokenStepDoesNotStopTheScan) {
   authAnswer = {.status = 500, .body = R"({"code":500,"message":"down"})"};
-  scanAnswer = {.status = 401, .body = R"({"code":401,"message":"no token"})"};
+  endpointAnswer = {.status = 401, .body = R"({"code":401,"message":"no token"})"};
   auto outcome = std::make_shared<ScanOutcome>();
   client->scanWithUrl(ZRKURL::URLWithString("https://img.example/x.png"), recorder(outcome));
   wait(outcome);
@@ -216,7 +197,7 @@ TEST_F(ScanTest, DirectUrlScanSkipsTheTokenStep) {
 }
 
 TEST_F(ScanTest, AnUndecodableUrlScanAnswerIsAnError) {
-  scanAnswer = {.body = "not json"};
+  endpointAnswer = {.body = "not json"};
   auto outcome = std::make_shared<ScanOutcome>();
   client->scanUrlWithOptions(ZRKJson::object(), recorder(outcome));
   wait(outcome);
@@ -224,14 +205,6 @@ TEST_F(ScanTest, AnUndecodableUrlScanAnswerIsAnError) {
   EXPECT_EQ(outcome->error->code, 32);
 }
 
-
-// A token that expires in 2100.
-std::shared_ptr<ZRKApiAuthToken> validToken() {
-  auto token = std::make_shared<ZRKApiAuthToken>();
-  token->setTokenString("t");
-  token->setExpire(4102444800);
-  return token;
-}
 
 // A gradient with some texture, so that JPEGs of it are not trivial.
 std::shared_ptr<ZRKImage> pattern(int width, int height, double scale = 1) {
@@ -361,7 +334,7 @@ TEST_F(ScanTest, AnImageScanIsOneExactMultipartRequest) {
 }
 
 TEST_F(ScanTest, ImageScanErrorsComeFromTheBodyThenTheTransport) {
-  scanAnswer = {.status = 200, .body = R"({"code":"429","message":"slow down","detail":{"retry":3}})"};
+  endpointAnswer = {.status = 200, .body = R"({"code":"429","message":"slow down","detail":{"retry":3}})"};
   auto fromBody = std::make_shared<ScanOutcome>();
   client->scanImage(pattern(8, 8), ZRKJson::object(), recorder(fromBody));
   wait(fromBody);
@@ -371,7 +344,7 @@ TEST_F(ScanTest, ImageScanErrorsComeFromTheBodyThenTheTransport) {
 
   // An answer that is no JSON and no error decodes to nothing, silently
   // successful, as the scan's own parsing has it.
-  scanAnswer = {.status = 500, .body = "<html>"};
+  endpointAnswer = {.status = 500, .body = "<html>"};
   auto undecodable = std::make_shared<ScanOutcome>();
   client->scanImage(pattern(8, 8), ZRKJson::object(), recorder(undecodable));
   wait(undecodable);
@@ -409,7 +382,7 @@ TEST_F(ScanTest, WithoutAnImageTheErrorComesAtOnceOnTheCallingThread) {
   ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready);
   EXPECT_TRUE(future.get());
   client->scanImage(nullptr, ZRKJson::object(), nullptr);
-  EXPECT_EQ(scans().size(), 0u);
+  EXPECT_EQ(endpointRequests().size(), 0u);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "support/LoopbackServer.h"
 #include "support/MainQueueWait.h"
+#include "support/ServiceTest.h"
 #include "zrk/ZRKApiClient.h"
 #include "zrk/ZRKApiError.h"
 #include "zrk/ZRKImage.h"
@@ -139,29 +140,11 @@ std::string line(const RecordedRequest& request) {
   return request.method + " " + request.target + (request.body.empty() ? "" : " " + request.body);
 }
 
-// The shared client against a loopback service: the token step answers with
-// what the test picks, every account request with userAnswer.
-class UserTest : public ::testing::Test {
+class UserTest : public test::ServiceTest {
  protected:
   void SetUp() override {
-    ZRKApiAuthToken::clear();
-    ZRKUserSession::clearSession();
-    ZRKApiClient::setBaseUrl(server.url());
-    server.script([this](const RecordedRequest& request) {
-      std::lock_guard lock(mutex);
-      return request.path == "/app/v1/auth" ? authAnswer : userAnswer;
-    });
-  }
-  void TearDown() override {
-    ZRKApiAuthToken::clear();
-    ZRKUserSession::clearSession();
-    ZRKApiClient::setBaseUrl(ZRKDefaultBaseURL);
-  }
-
-  void answer(ScriptedResponse auth, ScriptedResponse user) {
-    std::lock_guard lock(mutex);
-    authAnswer = std::move(auth);
-    userAnswer = std::move(user);
+    ServiceTest::SetUp();
+    endpointAnswer = {.body = R"({"email":"ann@example.com","name":"Ann","token":"ut1"})"};
   }
 
   // Waits until the calls arrived, then a little longer to catch one more.
@@ -178,22 +161,7 @@ class UserTest : public ::testing::Test {
     ZRKMainQueue::mainQueue().runFor(std::chrono::milliseconds(200));
   }
 
-  std::vector<RecordedRequest> accountRequests() const {
-    std::vector<RecordedRequest> out;
-    for (const auto& request : server.requests()) {
-      if (request.path != "/app/v1/auth") out.push_back(request);
-    }
-    return out;
-  }
-
   std::string sessionToken() { return ZRKUserSession::currentSession()->userToken().value_or("<unset>"); }
-
-  // Declared before the server, which may still read them while it stops.
-  std::mutex mutex;
-  ScriptedResponse authAnswer{.body = R"({"token":"t1","expire":4102444800})"};  // guarded by mutex
-  ScriptedResponse userAnswer{.body = R"({"email":"ann@example.com","name":"Ann","token":"ut1"})"};  // ditto
-  LoopbackServer server;
-  std::shared_ptr<ZRKApiClient> client = ZRKApiClient::sharedClient();
 };
 
 TEST_F(UserTest, RegisterAndUpdateSendTheUsersFields) {
@@ -214,7 +182,7 @@ TEST_F(UserTest, RegisterAndUpdateSendTheUsersFields) {
   }
 
   Lines sent;
-  for (const auto& request : accountRequests()) {
+  for (const auto& request : endpointRequests()) {
     EXPECT_EQ(request.header("Content-Type"), "application/json");
     sent.insert(line(request));
   }
@@ -229,7 +197,7 @@ TEST_F(UserTest, RetrieveSendsTheTokenUnderBothNames) {
   Calls calls;
   client->retrieveUser("u-1", calls.completion());
   waitFor(calls, 1);
-  const auto sent = accountRequests();
+  const auto sent = endpointRequests();
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(line(sent[0]), "GET /app/v1/user?Pelmor-User-Token=u-1&ZRK-User-Token=u-1");
   EXPECT_FALSE(sent[0].has("ZRK-User-Token"));
@@ -242,7 +210,7 @@ TEST_F(UserTest, TheRawRequestsHaveNoGuards) {
   client->createUserAPIPatchRequest(nullptr, calls.completion());
   waitFor(calls, 3);
   Lines sent;
-  for (const auto& request : accountRequests()) sent.insert(line(request));
+  for (const auto& request : endpointRequests()) sent.insert(line(request));
   EXPECT_EQ(sent, (Lines{"GET /app/v1/user", "POST /app/v1/user", "PATCH /app/v1/user"}));
 }
 
@@ -278,16 +246,16 @@ TEST_F(UserTest, LoginKeepsTheTokenOnlyForACompletion) {
   waitFor(calls, 1);
   EXPECT_EQ(calls.snapshot()[0].result->token(), "ut1");
   EXPECT_EQ(sessionToken(), "ut1");
-  const auto logins = accountRequests();
+  const auto logins = endpointRequests();
   ASSERT_EQ(logins.size(), 2u);
   EXPECT_EQ(line(logins[1]), R"(POST /app/v1/user/auth {"email":"ann@example.com","password":"pw1"})");
 
   // Later requests carry the user token; an answer without one keeps it.
-  answer(authAnswer, {.body = R"({"name":"Ann"})"});
+  setAnswers(authAnswer, {.body = R"({"name":"Ann"})"});
   client->createUserAPIGetRequest(nullptr, calls.completion());
   client->loginUser(ann(), calls.completion());
   waitFor(calls, 3);
-  const auto later = accountRequests();
+  const auto later = endpointRequests();
   ASSERT_EQ(later.size(), 4u);
   for (std::size_t i = 2; i < later.size(); ++i) {
     EXPECT_EQ(later[i].header("ZRK-User-Token"), "ut1");
@@ -300,7 +268,7 @@ TEST_F(UserTest, LogoutCallsAtOnceThenWithTheAnswerAndClearsTheSession) {
   const ScriptedResponse answers[] = {{.body = R"({"name":"Ann"})"}, {.status = 500, .body = R"({"code":7})"}};
   for (const ScriptedResponse& response : answers) {
     ZRKUserSession::setCurrentUserToken("ut1");
-    answer(authAnswer, response);
+    setAnswers(authAnswer, response);
     Calls calls;
     client->logoutUser(ann(), calls.completion());
     ASSERT_EQ(calls.size(), 1u);
@@ -321,7 +289,7 @@ TEST_F(UserTest, LogoutCallsAtOnceThenWithTheAnswerAndClearsTheSession) {
     }
     EXPECT_EQ(sessionToken(), "");
   }
-  const auto sent = accountRequests();
+  const auto sent = endpointRequests();
   ASSERT_EQ(sent.size(), 2u);
   EXPECT_EQ(line(sent[0]), "DELETE /app/v1/user/auth?email=ann%40example.com&password=pw1");
   EXPECT_EQ(sent[0].header("ZRK-User-Token"), "ut1");
@@ -331,7 +299,7 @@ TEST_F(UserTest, LogoutCallsAtOnceThenWithTheAnswerAndClearsTheSession) {
   const std::size_t before = server.count();
   client->logoutUser(ann(), nullptr);
   settle(before + 1);
-  EXPECT_EQ(accountRequests().size(), 3u);
+  EXPECT_EQ(endpointRequests().size(), 3u);
   EXPECT_EQ(sessionToken(), "ut1");
 }
 
@@ -360,7 +328,7 @@ TEST_F(UserTest, LogoutOfAnIncompleteUserIsAnErrorOnTheCallingThread) {
 }
 
 TEST_F(UserTest, AFailedTokenStepEndsEveryCallInSilence) {
-  answer({.status = 500, .body = R"({"code":500,"message":"down"})"}, userAnswer);
+  setAnswers({.status = 500, .body = R"({"code":500,"message":"down"})"}, endpointAnswer);
   ZRKUserSession::setCurrentUserToken("ut1");
   Calls calls;
   client->registerUser(ann(), calls.completion());
@@ -374,7 +342,7 @@ TEST_F(UserTest, AFailedTokenStepEndsEveryCallInSilence) {
   EXPECT_EQ(calls.size(), 0u);
   EXPECT_EQ(logout.size(), 1u);  // only the early call
   EXPECT_EQ(server.count(), 6u);
-  EXPECT_TRUE(accountRequests().empty());
+  EXPECT_TRUE(endpointRequests().empty());
   EXPECT_EQ(sessionToken(), "ut1");
 }
 

@@ -143,19 +143,6 @@ TEST(ApiClientSetters, WriteTheSharedClient) {
   ZRKApiClient::setUserLocationLatitude(0, 0);
 }
 
-TEST(ApiClient, ConfiguredRequestCarriesTheBearerOfTheCachedToken) {
-  const auto client = ZRKApiClient::initWithConfiguration(ZRKAppConfiguration::init());
-  ZRKApiAuthToken::clear();
-  auto request = client->configuredRequestForURL(ZRKURL::URLWithString("http://127.0.0.1/x"));
-  EXPECT_EQ(request.valueForHTTPHeaderField("Authorization"), "Bearer ");
-  EXPECT_EQ(request.HTTPMethod(), "GET");
-  EXPECT_FALSE(request.HTTPBody());
-  ZRKApiAuthToken::setToken(validToken("abc"));
-  request = client->configuredRequestForURL(ZRKURL::URLWithString("http://127.0.0.1/x"));
-  EXPECT_EQ(request.valueForHTTPHeaderField("Authorization"), "Bearer YWJj");
-  ZRKApiAuthToken::clear();
-}
-
 TEST(ApiClient, RedirectsCarryTheFirstRequestsHeadersToAnyHost) {
   LoopbackServer first;
   LoopbackServer second("127.0.0.2");

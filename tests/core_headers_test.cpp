@@ -121,26 +121,16 @@ TEST_F(DefaultHeadersTest, TheTokenIsReadForEveryRequest) {
 }
 
 TEST(NumberText, ReadsAndWritesAsTheHeadersNeed) {
-  EXPECT_EQ(detail::leadingFloat("10.3"), 10.3f);
-  EXPECT_EQ(detail::leadingFloat("  12"), 12.0f);
-  EXPECT_EQ(detail::leadingFloat("10.3.1"), 10.3f);
-  EXPECT_EQ(detail::leadingFloat("-1.5e2x"), -150.0f);
-  EXPECT_EQ(detail::leadingFloat("+.5"), 0.5f);
-  EXPECT_EQ(detail::leadingFloat("7e"), 7.0f);
-  EXPECT_EQ(detail::leadingFloat("bookworm"), 0.0f);
-  EXPECT_EQ(detail::leadingFloat("0x1A"), 0.0f);
-  EXPECT_EQ(detail::leadingFloat("."), 0.0f);
-  EXPECT_EQ(detail::leadingFloat(""), 0.0f);
-  EXPECT_EQ(detail::leadingFloat("1e999"), std::numeric_limits<float>::infinity());
-  EXPECT_EQ(detail::leadingFloat("-1e999"), -std::numeric_limits<float>::infinity());
-  EXPECT_EQ(detail::leadingFloat("1e-999"), 0.0f);
-  EXPECT_EQ(detail::leadingFloat(std::string(400, '9')), std::numeric_limits<float>::infinity());
-  EXPECT_EQ(detail::formatFixed(10.3f), "10.300000");
-  EXPECT_EQ(detail::formatFixed(37.7749f), "37.774899");
-  EXPECT_EQ(detail::formatFixed(13.405f), "13.405000");
-  EXPECT_EQ(detail::formatFixed(-0.0f), "-0.000000");
-  EXPECT_EQ(detail::formatFixed(std::numeric_limits<float>::infinity()), "inf");
-  EXPECT_EQ(detail::formatFixed(3.0e38f), "300000000549775575777803994281145270272.000000");
+  constexpr float inf = std::numeric_limits<float>::infinity();
+  const std::pair<std::string, float> read[] = {
+      {"10.3", 10.3f}, {"  12", 12.0f}, {"10.3.1", 10.3f}, {"-1.5e2x", -150.0f}, {"+.5", 0.5f},  {"7e", 7.0f},
+      {"bookworm", 0}, {"0x1A", 0},     {".", 0},          {"", 0},             {"1e999", inf}, {"-1e999", -inf},
+      {"1e-999", 0},   {std::string(400, '9'), inf}};
+  for (const auto& [text, value] : read) EXPECT_EQ(detail::leadingFloat(text), value) << text;
+  const std::pair<float, std::string> written[] = {
+      {10.3f, "10.300000"}, {37.7749f, "37.774899"}, {13.405f, "13.405000"}, {-0.0f, "-0.000000"}, {inf, "inf"},
+      {3.0e38f, "300000000549775575777803994281145270272.000000"}};
+  for (const auto& [value, text] : written) EXPECT_EQ(detail::formatFixed(value), text) << value;
 }
 
 // The wire: every header but "Authorization" twice with one value, and a

@@ -257,10 +257,7 @@ TEST_F(ListingTest, AnAnswerWithoutListOrErrorEndsInSilence) {
   history(nullptr, nullptr, std::nullopt);
   // Without a completion the answers go unheard. (With a valid token the
   // requests leave from the worker, not from the main queue.)
-  auto token = std::make_shared<ZRKApiAuthToken>();
-  token->setTokenString("t");
-  token->setExpire(4102444800);
-  ZRKApiAuthToken::setToken(token);
+  ZRKApiAuthToken::setToken(test::validToken());
   client->retrieveCollectionsWithCompletion(nullptr);
   client->retrieveScanHistoryWithCount(0, 0, nullptr);
   ASSERT_TRUE(server.waitForRequests(2));

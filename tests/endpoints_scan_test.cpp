@@ -9,6 +9,7 @@
 #include "support/LoopbackServer.h"
 #include "support/MainQueueWait.h"
 #include "support/RawRecorder.h"
+#include "support/ReferenceImages.h"
 #include "support/ServiceTest.h"
 #include "zrk/ZRKApiClient.h"
 #include "zrk/ZRKApiError.h"
@@ -206,19 +207,29 @@ TEST_F(ScanTest, AnUndecodableUrlScanAnswerIsAnError) {
 }
 
 
-// A gradient with some texture, so that JPEGs of it are not trivial.
+// Textured, so that JPEGs of it are not trivial.
 std::shared_ptr<ZRKImage> pattern(int width, int height, double scale = 1) {
-  std::vector<std::uint8_t> pixels(static_cast<std::size_t>(width) * height * 4);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      std::uint8_t* p = &pixels[(static_cast<std::size_t>(y) * width + x) * 4];
-      p[0] = static_cast<std::uint8_t>(x * 255 / width);
-      p[1] = static_cast<std::uint8_t>(y * 255 / height);
-      p[2] = static_cast<std::uint8_t>(((x / 8) ^ (y / 8)) & 1 ? 200 : 40);
-      p[3] = 255;
-    }
+  return ZRKImage::imageWithRGBAPixels(test::textured(width, height, 4, 1).pixels, width, height, scale);
+}
+
+// The same as a PNG, as a screenshot tool writes it.
+std::shared_ptr<ZRKImage> pngPattern(int width, int height) {
+  const auto pixels = test::textured(width, height, 4, 1).pixels;
+  spng_ctx* context = spng_ctx_new(SPNG_CTX_ENCODER);
+  spng_set_option(context, SPNG_ENCODE_TO_BUFFER, 1);
+  spng_ihdr header{static_cast<std::uint32_t>(width), static_cast<std::uint32_t>(height), 8,
+                   SPNG_COLOR_TYPE_TRUECOLOR_ALPHA, 0, 0, 0};
+  spng_set_ihdr(context, &header);
+  std::string png;
+  if (spng_encode_image(context, pixels.data(), pixels.size(), SPNG_FMT_PNG, SPNG_ENCODE_FINALIZE) == 0) {
+    std::size_t length = 0;
+    int error = 0;
+    char* buffer = static_cast<char*>(spng_get_png_buffer(context, &length, &error));
+    if (buffer) png.assign(buffer, length);
+    std::free(buffer);
   }
-  return ZRKImage::imageWithRGBAPixels(std::move(pixels), width, height, scale);
+  spng_ctx_free(context);
+  return ZRKImage::imageWithData(std::move(png));
 }
 
 // The JPEG inside a one-part multipart body.
@@ -241,65 +252,30 @@ TEST_F(ScanTest, ImageScansAreReducedToAThousandPixelsOnTheLongerSide) {
     int width, height;
     double scale;
     int sentWidth, sentHeight;
+    std::optional<std::string> collection;
   };
-  const Case cases[] = {{1000, 800, 1, 1000, 800},
-                        {1001, 800, 1, 1000, 799},
-                        {2000, 2000, 1, 1000, 1000},
-                        {1200, 1200, 2, 1000, 1000},
-                        {800, 1001, 1, 799, 1000}};
+  const Case cases[] = {{1000, 800, 1, 1000, 800},   {1001, 800, 1, 1000, 799},  {2000, 2000, 1, 1000, 1000},
+                        {1200, 1200, 2, 1000, 1000}, {800, 1001, 1, 799, 1000}, {2000, 1500, 1, 1000, 750, "posters"}};
   for (const Case& c : cases) {
     auto outcome = std::make_shared<ScanOutcome>();
-    client->scanWithImage(pattern(c.width, c.height, c.scale), recorder(outcome));
+    // The last one arrives as a PNG.
+    const auto image = c.collection ? pngPattern(c.width, c.height) : pattern(c.width, c.height, c.scale);
+    ASSERT_TRUE(image);
+    c.collection ? client->scanWithImage(image, c.collection, recorder(outcome))
+                 : client->scanWithImage(image, recorder(outcome));
     wait(outcome);
     EXPECT_EQ(outcome->result ? outcome->result->scanId() : std::nullopt, "r");
   }
   const auto sent = service.requests(std::size(cases));
   ASSERT_EQ(sent.size(), std::size(cases));
   for (std::size_t i = 0; i < sent.size(); ++i) {
-    EXPECT_TRUE(sent[i].starts_with("POST /app/v1/scan HTTP/1.1\r\n")) << i;
+    const std::string path = cases[i].collection ? "/app/v1/scan/" + *cases[i].collection : "/app/v1/scan";
+    EXPECT_TRUE(sent[i].starts_with("POST " + path + " HTTP/1.1\r\n")) << i;
     const auto jpeg = ZRKImage::imageWithData(uploadedJpeg(sent[i].substr(sent[i].find("\r\n\r\n") + 4)));
     ASSERT_TRUE(jpeg) << i;
     EXPECT_EQ(jpeg->pixelWidth(), cases[i].sentWidth) << i;
     EXPECT_EQ(jpeg->pixelHeight(), cases[i].sentHeight) << i;
   }
-}
-
-// A PNG as a screenshot tool writes it.
-std::string pngOf(const ZRKImage& image) {
-  spng_ctx* context = spng_ctx_new(SPNG_CTX_ENCODER);
-  spng_set_option(context, SPNG_ENCODE_TO_BUFFER, 1);
-  spng_ihdr header{static_cast<std::uint32_t>(image.pixelWidth()), static_cast<std::uint32_t>(image.pixelHeight()), 8,
-                   SPNG_COLOR_TYPE_TRUECOLOR_ALPHA, 0, 0, 0};
-  spng_set_ihdr(context, &header);
-  const auto pixels = image.RGBAPixels();
-  std::string png;
-  if (spng_encode_image(context, pixels->data(), pixels->size(), SPNG_FMT_PNG, SPNG_ENCODE_FINALIZE) == 0) {
-    std::size_t length = 0;
-    int error = 0;
-    char* buffer = static_cast<char*>(spng_get_png_buffer(context, &length, &error));
-    if (buffer) png.assign(buffer, length);
-    std::free(buffer);
-  }
-  spng_ctx_free(context);
-  return png;
-}
-
-TEST_F(ScanTest, APngScanUploadsOneJpegOfAThousandPixels) {
-  test::RawRecorder service(kScanAnswer);
-  client->setApiURL(ZRKURL::URLWithString(service.url()));
-  ZRKApiAuthToken::setToken(validToken());
-  const auto png = ZRKImage::imageWithData(pngOf(*pattern(2000, 1500)));
-  ASSERT_TRUE(png);
-  auto outcome = std::make_shared<ScanOutcome>();
-  client->scanWithImage(png, "posters", recorder(outcome));
-  wait(outcome);
-  const auto sent = service.requests(1);
-  ASSERT_EQ(sent.size(), 1u);
-  EXPECT_TRUE(sent[0].starts_with("POST /app/v1/scan/posters HTTP/1.1\r\n"));
-  const auto jpeg = ZRKImage::imageWithData(uploadedJpeg(sent[0].substr(sent[0].find("\r\n\r\n") + 4)));
-  ASSERT_TRUE(jpeg);
-  EXPECT_EQ(jpeg->pixelWidth(), 1000);
-  EXPECT_EQ(jpeg->pixelHeight(), 750);
 }
 
 TEST_F(ScanTest, AnImageScanIsOneExactMultipartRequest) {

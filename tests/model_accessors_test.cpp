@@ -98,34 +98,18 @@ TEST(TypedLookup, UrlOnlyFromValidText) {
 TEST(IntForKey, ConvertsNumbersAndTextLeniently) {
   const ZRKJson d = J(R"({"x": "x", "t": true, "a": [1], "s": "42.9", "f": 3.9, "g": -3.9,
       "o": {}, "hi": 1e300, "lo": -1e300, "u": 18446744073709551615})");
-  EXPECT_EQ(zrk_intForKey(d, "missing", 7), 7);
-  EXPECT_EQ(zrk_intForKey(d, "x", 7), 0);
-  EXPECT_EQ(zrk_intForKey(d, "t", 7), 1);
-  EXPECT_EQ(zrk_intForKey(d, "a", 7), 7);
-  EXPECT_EQ(zrk_intForKey(d, "o", 7), 7);
-  EXPECT_EQ(zrk_intForKey(d, "s", 7), 42);
-  EXPECT_EQ(zrk_intForKey(d, "f", 7), 3);
-  EXPECT_EQ(zrk_intForKey(d, "g", 7), -3);
-  EXPECT_EQ(zrk_intForKey(d, "hi", 7), kMax);
-  EXPECT_EQ(zrk_intForKey(d, "lo", 7), kMin);
-  EXPECT_EQ(zrk_intForKey(d, "u", 7), kMax);
+  const std::pair<const char*, ZRKInteger> cases[] = {{"missing", 7}, {"x", 0}, {"t", 1},      {"a", 7},     {"o", 7},
+                                                      {"s", 42},      {"f", 3}, {"g", -3},     {"hi", kMax}, {"lo", kMin},
+                                                      {"u", kMax}};
+  for (const auto& [key, value] : cases) EXPECT_EQ(zrk_intForKey(d, key, 7), value) << key;
 }
 
 TEST(IntegerValue, ReadsTheLeadingDecimalIntegerAndSaturates) {
-  EXPECT_EQ(zrk_integerValue("12abc"), 12);
-  EXPECT_EQ(zrk_integerValue(""), 0);
-  EXPECT_EQ(zrk_integerValue(" \t\n-42"), -42);
-  EXPECT_EQ(zrk_integerValue("\u00A0\u3000+7"), 7);
-  EXPECT_EQ(zrk_integerValue("- 5"), 0);
-  EXPECT_EQ(zrk_integerValue("+-5"), 0);
-  EXPECT_EQ(zrk_integerValue("0x1F"), 0);
-  EXPECT_EQ(zrk_integerValue("1e3"), 1);
-  EXPECT_EQ(zrk_integerValue("9223372036854775807"), kMax);
-  EXPECT_EQ(zrk_integerValue("9223372036854775808"), kMax);
-  EXPECT_EQ(zrk_integerValue("-9223372036854775808"), kMin);
-  EXPECT_EQ(zrk_integerValue("-9223372036854775809"), kMin);
-  EXPECT_EQ(zrk_integerValue("000000000000000000000000000012"), 12);
-  EXPECT_EQ(zrk_integerValue("99999999999999999999999999"), kMax);
+  const std::pair<const char*, ZRKInteger> cases[] = {
+      {"12abc", 12}, {"", 0}, {" \t\n-42", -42}, {"\u00A0\u3000+7", 7}, {"- 5", 0}, {"+-5", 0}, {"0x1F", 0}, {"1e3", 1},
+      {"9223372036854775807", kMax},  {"9223372036854775808", kMax}, {"-9223372036854775808", kMin},
+      {"-9223372036854775809", kMin}, {"000000000000000000000000000012", 12}, {"99999999999999999999999999", kMax}};
+  for (const auto& [text, value] : cases) EXPECT_EQ(zrk_integerValue(text), value) << text;
 }
 
 TEST(BoolForKey, ReadsNumbersAndWords) {
@@ -143,13 +127,9 @@ TEST(BoolForKey, ReadsNumbersAndWords) {
 }
 
 TEST(DoubleValue, ReadsOnlyDecimalText) {
-  EXPECT_EQ(zrk_doubleValue(" 1.5e3x"), 1500.0);
-  EXPECT_EQ(zrk_doubleValue("+2.5"), 2.5);
-  EXPECT_EQ(zrk_doubleValue("-.5"), -0.5);
-  EXPECT_EQ(zrk_doubleValue("5."), 5.0);
-  EXPECT_EQ(zrk_doubleValue("1e"), 1.0);
-  EXPECT_EQ(zrk_doubleValue("1e+"), 1.0);
-  EXPECT_EQ(zrk_doubleValue("2E-1"), 0.2);
+  const std::pair<const char*, double> cases[] = {{" 1.5e3x", 1500.0}, {"+2.5", 2.5}, {"-.5", -0.5}, {"5.", 5.0},
+                                                  {"1e", 1.0},         {"1e+", 1.0},  {"2E-1", 0.2}};
+  for (const auto& [text, value] : cases) EXPECT_EQ(zrk_doubleValue(text), value) << text;
   for (const char* text : {"", ".", "-", "inf", "nan", "infinity", "0x1p3", "e5", "+-1"}) {
     EXPECT_EQ(zrk_doubleValue(text), 0.0) << text;
   }

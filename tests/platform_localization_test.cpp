@@ -37,13 +37,7 @@ std::string catalogBytes(const std::vector<std::pair<std::string, std::string>>&
       strings += '\0';
     }
   }
-  word(0x950412de);
-  word(0);
-  word(count);
-  word(originals);
-  word(translations);
-  word(0);
-  word(0);
+  for (std::uint32_t v : {0x950412deu, 0u, count, originals, translations, 0u, 0u}) word(v);
   for (auto v : table) word(v);
   return out + strings;
 }
@@ -159,13 +153,11 @@ TEST(Localization, ShippedLanguagesTranslateTheGenericText) {
 }
 
 TEST(Localization, OtherLanguagesGetTheEnglishKey) {
-  EXPECT_EQ(probe("").text, kKey);
-  EXPECT_EQ(probe("LANG=C.UTF-8").text, kKey);
-  EXPECT_EQ(probe("LANG=en_US.UTF-8").text, kKey);
-  EXPECT_EQ(probe("LANG=pt_BR.UTF-8").text, kKey);
-  // The user's first language is not one the library speaks, so the
-  // library does not answer in its second either.
-  EXPECT_EQ(probe("LANGUAGE=pt:de").text, kKey);
+  // With "pt:de" the user's first language is not one the library speaks,
+  // so the library does not answer in its second either.
+  for (const char* environment : {"", "LANG=C.UTF-8", "LANG=en_US.UTF-8", "LANG=pt_BR.UTF-8", "LANGUAGE=pt:de"}) {
+    EXPECT_EQ(probe(environment).text, kKey) << environment;
+  }
 }
 
 TEST(Localization, TheApplicationsCatalogServesLanguagesTheLibraryLacks) {

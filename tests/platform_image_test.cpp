@@ -208,7 +208,7 @@ TEST(ImageScaling, ReducedDecodeKeepsTwiceTheTarget) {
   EXPECT_EQ(detail::jpegReductionFor(4032, 3024, 10, 1513), (S{1, 1}));
 
   const std::string jpeg = jpegOf(picture(256, 192, true), 256, 192);
-  const auto reduced = detail::decodeJPEGForTarget(jpeg, 32, 24);
+  const auto reduced = detail::decodeJPEG(jpeg, detail::jpegReductionFor(256, 192, 32, 24));
   ASSERT_TRUE(reduced);
   EXPECT_EQ(std::pair(reduced->width, reduced->height), std::pair(64, 48));
   const auto scaled = zrk_imageScaledToFitSize(*ZRKImage::imageWithData(jpeg), {32, 24});

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cmath>
 #include <fstream>
-#include <iterator>
 #include <mutex>
 
 namespace zrk {
@@ -143,10 +142,12 @@ std::shared_ptr<ZRKImage> zrk_imageScaledToFitSize(const ZRKImage& image, ZRKSiz
   // A JPEG not yet decoded in full is decoded straight at a reduced size:
   // far less memory and time for a phone photo that becomes 1000 px.
   std::optional<RGBAImage> reduced;
-  if (state.encoding == ZRKImage::State::Encoding::jpeg && !state.hasDecoded() &&
-      detail::jpegReductionFor(state.width, state.height, dstWidth, dstHeight) != detail::JPEGScale{}) {
-    reduced = detail::decodeJPEGForTarget(state.encoded, dstWidth, dstHeight);
-    if (!reduced) return nullptr;
+  if (state.encoding == ZRKImage::State::Encoding::jpeg && !state.hasDecoded()) {
+    const detail::JPEGScale reduction = detail::jpegReductionFor(state.width, state.height, dstWidth, dstHeight);
+    if (reduction != detail::JPEGScale{}) {
+      reduced = detail::decodeJPEG(state.encoded, reduction);
+      if (!reduced) return nullptr;
+    }
   }
   std::shared_ptr<const std::vector<std::uint8_t>> full;
   detail::PixelView src;

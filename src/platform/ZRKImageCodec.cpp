@@ -219,12 +219,6 @@ std::optional<RGBAImage> decodeJPEG(std::string_view jpeg, JPEGScale scale) {
   return image;
 }
 
-std::optional<RGBAImage> decodeJPEGForTarget(std::string_view jpeg, int targetWidth, int targetHeight) {
-  const auto info = readJPEGInfo(jpeg);
-  if (!info) return std::nullopt;
-  return decodeJPEG(jpeg, jpegReductionFor(info->width, info->height, targetWidth, targetHeight));
-}
-
 std::optional<RGBAImage> decodePNG(std::string_view png) {
   SPNGContext ctx = pngDecoder(png);
   spng_ihdr ihdr{};

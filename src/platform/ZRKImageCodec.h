@@ -63,8 +63,6 @@ JPEGScale jpegReductionFor(int width, int height, int targetWidth, int targetHei
 // the rest comes out grey), as photo viewers show it; fatal errors give
 // nullopt. Adobe CMYK/YCCK is turned into RGB.
 std::optional<RGBAImage> decodeJPEG(std::string_view jpeg, JPEGScale scale = {});
-// Decodes at jpegReductionFor(the JPEG's size, the target).
-std::optional<RGBAImage> decodeJPEGForTarget(std::string_view jpeg, int targetWidth, int targetHeight);
 
 // Any PNG (all bit depths, palettes, interlacing, tRNS) as RGBA8; nullopt on
 // any error, truncation included.

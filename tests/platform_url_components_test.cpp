@@ -33,7 +33,9 @@ TEST(URLComponentsParsing, ReadsEachComponentAndPutsTheSameTextBack) {
 }
 
 TEST(URLComponentsParsing, RefusesWhatNoComponentsCanHold) {
-  for (const char* bad : {"not a url", "http://h:99999/", "//h:abc/p", "//[::1/p", "//[::1]x/p", "//a:b:80/p"}) {
+  for (const char* bad : {"not a url", "http://h:99999/", "//h:abc/p", "//[::1/p", "//[::1]x/p", "//a:b:80/p",
+                          // Components that would not give back the text they came from.
+                          "http://h:/p", "http://h:080/p", "//u@[1]/p", "x[y]:z/p"}) {
     EXPECT_FALSE(ZRKURLComponents::componentsWithString(bad)) << bad;
   }
 }

@@ -44,9 +44,9 @@ class ZRKURLComponents {
   // Components of nothing: URL() of them is the empty relative reference.
   ZRKURLComponents() = default;
 
-  // nullopt for a reference without a scheme whose authority the components
-  // cannot hold (a port that is no number, a stray bracket): ZRKURL leaves
-  // those unchecked, while libcurl has checked every URL with a scheme.
+  // nullopt for a reference the components cannot put back as it stood: a
+  // port that is empty ("h:"), has leading zeros or is no number, a stray
+  // bracket, or a relative path whose first segment holds a ":".
   static std::optional<ZRKURLComponents> componentsWithURL(const ZRKURL& url);
   // nullopt when the string is no URL (see ZRKURL::URLWithString).
   static std::optional<ZRKURLComponents> componentsWithString(std::string_view string);

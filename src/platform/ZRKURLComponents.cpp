@@ -86,11 +86,15 @@ std::optional<ZRKURLComponents> ZRKURLComponents::componentsWithURL(const ZRKURL
   c.path_ = url.path();
   c.query_ = url.query();
   c.fragment_ = url.fragment();
-  if (!c.host_) return c;
+  if (!c.host_) {
+    // ZRKURL lets "a:b/c" through as a relative path when "a:" is no scheme
+    // ("x[y]:z"); put back together, that ":" would read as ending one.
+    if (!c.scheme_ && c.path_.substr(0, c.path_.find('/')).find(':') != std::string::npos) return std::nullopt;
+    return c;
+  }
 
   // ZRKURL does not give the user info, and reads a port that is no number
-  // as none; both need the authority's own text. Only references without a
-  // scheme reach here malformed, as libcurl checks the others.
+  // as none; both need the authority's own text.
   std::string_view authority = url.absoluteString();
   authority.remove_prefix((c.scheme_ ? c.scheme_->size() + 1 : 0) + 2);
   authority = authority.substr(0, authority.find_first_of("/?#"));
@@ -101,10 +105,11 @@ std::optional<ZRKURLComponents> ZRKURLComponents::componentsWithURL(const ZRKURL
     if (colon != std::string_view::npos) c.password_ = std::string(userInfo.substr(colon + 1));
     authority.remove_prefix(at + 1);
   }
-  std::string_view portText;
+  std::optional<std::string_view> portText;
   if (!authority.empty() && authority.front() == '[') {
     const auto close = authority.find(']');
-    if (close == std::string_view::npos) return std::nullopt;
+    // Brackets are only put back around a host with a ":" in it.
+    if (close == std::string_view::npos || c.host_->find(':') == std::string::npos) return std::nullopt;
     const std::string_view rest = authority.substr(close + 1);
     if (!rest.empty() && rest.front() != ':') return std::nullopt;
     if (!rest.empty()) portText = rest.substr(1);
@@ -114,7 +119,9 @@ std::optional<ZRKURLComponents> ZRKURLComponents::componentsWithURL(const ZRKURL
     // A ":" in a host is only put back inside brackets.
     if (c.host_->find_first_of(":[]") != std::string::npos) return std::nullopt;
   }
-  if (!portText.empty() && !c.port_) return std::nullopt;
+  // The port is held as a number: an empty one ("h:") or one with leading
+  // zeros ("h:080") would not be put back as it stood.
+  if (portText && (!c.port_ || std::to_string(*c.port_) != *portText)) return std::nullopt;
   return c;
 }
 

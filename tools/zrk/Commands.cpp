@@ -1,0 +1,245 @@
+#include "Commands.h"
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cmath>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+
+#include "Waiting.h"
+#include "zrk/ZRKApi.h"
+#include "zrk/ZRKCollection.h"
+#include "zrk/ZRKScanAPIResponse.h"
+#include "zrk/ZRKScanHistory.h"
+#include "zrk/ZRKURL.h"
+#include "zrk/ZRKUser.h"
+#include "zrk/ZRKUserAPIResponse.h"
+
+namespace zrk::tool {
+namespace {
+
+constexpr double kLongestUploadSide = 1000;
+
+bool startsWithNoCase(std::string_view text, std::string_view prefix) {
+  return text.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), text.begin(), [](char a, char b) {
+           return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+         });
+}
+
+bool isWebAddress(std::string_view source) {
+  return startsWithNoCase(source, "http://") || startsWithNoCase(source, "https://");
+}
+
+std::chrono::milliseconds timeoutOf(const Invocation& in) {
+  // Bounded so that a huge value cannot overflow the clock arithmetic.
+  const double seconds = std::min(in.timeoutSeconds, 1e7);
+  return std::chrono::milliseconds(std::llround(seconds * 1000));
+}
+
+// Every setting the library reads while it builds a request goes in before
+// the first request can start: the three-argument initialisation may start
+// a token request at once.
+void configureLibrary(const Invocation& in) {
+  ZRKApiClient::setBaseUrl(in.baseUrl);
+  if (in.age) ZRKApiClient::setUserAge(*in.age);
+  if (in.gender) ZRKApiClient::setUserGender(*in.gender);
+  if (in.lat || in.lng) ZRKApiClient::setUserLocationLatitude(in.lat.value_or(0), in.lng.value_or(0));
+  if (in.userId) {
+    ZRKApi::initializeWithAppKey(in.key, in.secret, in.userId);
+  } else {
+    ZRKApi::initializeWithAppKey(in.key, in.secret);
+  }
+}
+
+// Lets the main queue run until a completion settles the outcome.
+ExitStatus awaitAnswer(const Invocation& in, const Console& console, Outcome& outcome) {
+  const ExitStatus status = outcome.wait(timeoutOf(in));
+  if (status == kNoAnswer) {
+    // Some calls end in silence by design (a user operation whose token
+    // step failed), so this is no transport time-out.
+    std::ostringstream seconds;
+    seconds << in.timeoutSeconds;
+    console.problem("no answer within " + seconds.str() + " s");
+  }
+  return status;
+}
+
+// A completion that prints the result, or the error, and settles the outcome.
+template <typename Result, typename Render>
+auto answer(std::shared_ptr<Outcome> outcome, Console& console, Render render) {
+  return [outcome, &console, render](Result result, std::optional<ZRKError> error) {
+    if (outcome->settled()) return;
+    if (error) {
+      console.error(*error);
+      outcome->settle(kServiceError);
+    } else if (result) {
+      console.print(render(*result));
+      outcome->settle(kSuccess);
+    }
+  };
+}
+
+ExitStatus runScan(const Invocation& in, Console& console, const std::shared_ptr<ZRKApiClient>& client,
+                   const std::shared_ptr<Outcome>& outcome) {
+  auto completion = answer<std::shared_ptr<ZRKScanAPIResponse>>(
+      outcome, console, [](const ZRKScanAPIResponse& scan) { return report(scan); });
+  if (isWebAddress(in.source)) {
+    const auto url = ZRKURL::URLWithString(in.source);
+    if (!url) {
+      console.problem("not a valid URL: " + in.source);
+      return kUsageError;
+    }
+    client->scanWithUrl(url, in.collection, completion);
+  } else {
+    const auto image = ZRKImage::imageWithContentsOfFile(in.source);
+    if (!image) {
+      console.problem(in.source + " is neither an http(s) URL nor a readable JPEG or PNG file");
+      return kUsageError;
+    }
+    client->scanWithImage(image, in.collection, completion);
+  }
+  return awaitAnswer(in, console, *outcome);
+}
+
+std::shared_ptr<ZRKUser> userOf(const UserFields& fields) {
+  auto user = std::make_shared<ZRKUser>();
+  user->setZRKUserEmail(fields.email);
+  user->setZRKUserPassword(fields.password);
+  user->setZRKUserName(fields.name);
+  user->setZRKUserBirthdate(fields.birthdate);
+  user->setZRKUserGender(fields.gender);
+  user->setZRKUserAvatar(fields.avatar);
+  return user;
+}
+
+auto accountAnswer(const std::shared_ptr<Outcome>& outcome, Console& console, std::string headline) {
+  return answer<std::shared_ptr<ZRKUserAPIResponse>>(
+      outcome, console, [headline](const ZRKUserAPIResponse& account) { return report(&account, headline); });
+}
+
+ExitStatus runUserCommand(const Invocation& in, Console& console, const std::shared_ptr<ZRKApiClient>& client,
+                          const std::shared_ptr<Outcome>& outcome) {
+  const auto user = userOf(in.user);
+  try {
+    switch (in.command) {
+      case Command::userRegister:
+        client->registerUser(user, accountAnswer(outcome, console, "registered"));
+        break;
+      case Command::userUpdate:
+        client->updateUserProfile(user, accountAnswer(outcome, console, "updated"));
+        break;
+      case Command::userLogin:
+        client->loginUser(user, accountAnswer(outcome, console, "logged in"));
+        break;
+      case Command::userLogout:
+        // The first call, before logoutUser returns, only says the logout is
+        // under way (no result, no error); the service's answer comes second.
+        client->logoutUser(user, [outcome, &console](std::shared_ptr<ZRKUserAPIResponse> account,
+                                                     std::optional<ZRKError> error) {
+          if (outcome->settled() || (!account && !error)) return;
+          if (error) {
+            console.error(*error);
+            outcome->settle(kServiceError);
+          } else {
+            console.print(report(account.get(), "logged out"));
+            outcome->settle(kSuccess);
+          }
+        });
+        break;
+      case Command::userGet:
+        if (in.userToken.empty()) {
+          console.problem("--token must not be empty");
+          return kUsageError;
+        }
+        client->retrieveUser(in.userToken, accountAnswer(outcome, console, "account"));
+        break;
+      default:
+        return kUsageError;
+    }
+  } catch (const std::invalid_argument&) {
+    // The library refuses a user without a mandatory field before sending anything.
+    console.problem("the user lacks a mandatory field (email, name or password)");
+    return kUsageError;
+  }
+  return awaitAnswer(in, console, *outcome);
+}
+
+ExitStatus runPrepare(const Invocation& in, Console& console) {
+  const auto image = ZRKImage::imageWithContentsOfFile(in.image);
+  if (!image) {
+    console.problem(in.image + " is not a readable JPEG or PNG file");
+    return kUsageError;
+  }
+  const auto jpeg = uploadJpeg(*image);
+  if (!jpeg) {
+    console.problem(in.image + " cannot be decoded");
+    return kUsageError;
+  }
+  std::ofstream file(in.output, std::ios::binary | std::ios::trunc);
+  file.write(jpeg->data(), static_cast<std::streamsize>(jpeg->size()));
+  file.close();
+  if (!file) {
+    console.problem("cannot write " + in.output);
+    return kUsageError;
+  }
+  const auto written = ZRKImage::imageWithData(*jpeg);
+  const int width = written ? written->pixelWidth() : 0;
+  const int height = written ? written->pixelHeight() : 0;
+  console.print({{{"output", in.output}, {"width", width}, {"height", height}, {"bytes", jpeg->size()}},
+                 "wrote " + in.output + ": " + std::to_string(width) + "x" + std::to_string(height) + " JPEG, " +
+                     std::to_string(jpeg->size()) + " bytes\n"});
+  return kSuccess;
+}
+
+}  // namespace
+
+std::optional<std::string> uploadJpeg(const ZRKImage& image) {
+  // The longer side becomes 1000 pixels, ties taking the height; a side of
+  // exactly 1000 is left alone.
+  const double width = image.size().width * image.scale();
+  const double height = image.size().height * image.scale();
+  if (width <= kLongestUploadSide && height <= kLongestUploadSide) return ZRKImageJPEGRepresentation(image, 1.0);
+  const double factor = height >= width ? kLongestUploadSide / height : kLongestUploadSide / width;
+  const auto scaled = zrk_imageScaledToFitSize(image, ZRKSize{width * factor, height * factor});
+  if (!scaled) return std::nullopt;
+  return ZRKImageJPEGRepresentation(*scaled, 1.0);
+}
+
+ExitStatus runCommand(const Invocation& in, Console& console) {
+  if (in.command == Command::prepare) return runPrepare(in, console);
+
+  if (!in.key || in.key->empty() || !in.secret || in.secret->empty()) {
+    console.problem("an app key and secret are needed: --key and --secret, or ZRK_APP_KEY and ZRK_APP_SECRET");
+    return kUsageError;
+  }
+  const auto base = ZRKURL::URLWithString(in.baseUrl);
+  if (!base || !isWebAddress(in.baseUrl)) {
+    console.problem("--base-url must be an http:// or https:// URL: " + in.baseUrl);
+    return kUsageError;
+  }
+  configureLibrary(in);
+
+  const auto client = ZRKApi::sharedApiClient();
+  const auto outcome = Outcome::make();
+  switch (in.command) {
+    case Command::scan:
+      return runScan(in, console, client, outcome);
+    case Command::collections:
+      client->retrieveCollectionsWithCompletion(answer<std::optional<ZRKCollectionList>>(
+          outcome, console, [](const ZRKCollectionList& list) { return report(list); }));
+      return awaitAnswer(in, console, *outcome);
+    case Command::history:
+      client->retrieveScanHistoryWithCount(
+          in.count, in.offset,
+          answer<std::optional<ZRKScanHistoryList>>(outcome, console,
+                                                    [](const ZRKScanHistoryList& list) { return report(list); }));
+      return awaitAnswer(in, console, *outcome);
+    default:
+      return runUserCommand(in, console, client, outcome);
+  }
+}
+
+}  // namespace zrk::tool

@@ -2,10 +2,11 @@
 
 #include "zrk/ZRKCategoryLoader.h"
 #include "zrk/ZRKURLComponentsQuery.h"
+#include "zrk/ZRKVersion.h"
 
 namespace zrk {
 
-std::string ZRKApi::sdkVersion() { return "1.0.0"; }
+std::string ZRKApi::sdkVersion() { return ZRK_VERSION_STRING; }
 
 void ZRKCategoryLoader::loadCategories() {
   linkNSErrorCategory();

@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# Builds and installs the library twice, shared and static, each into a
+# temporary prefix, and builds a small application against each install:
+# once with CMake's find_package and once with a plain compiler line from
+# pkg-config. Runs every application, and checks that the installed library
+# finds its installed catalogs. Also configures a parent project that takes
+# the tree in with add_subdirectory. Exits non-zero on the first failure.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+jobs=${ZRK_JOBS:-2}
+work=$(mktemp -d "${TMPDIR:-/tmp}/zrk-consumer.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+# Nothing but the library is built; unoptimised, since only linking and
+# behaviour are checked here.
+library_options=(-G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0
+  -DZRK_BUILD_TESTS=OFF -DZRK_BUILD_EXAMPLES=OFF -DZRK_BUILD_BENCHMARKS=OFF
+  -DZRK_BUILD_TOOLS=OFF -DZRK_BUILD_EMULATOR=OFF -DZRK_BUILD_FUZZERS=OFF)
+
+# Runs a command quietly, showing its output only when it fails.
+quiet() {
+  "$@" > "$work/command.log" 2>&1 || { cat "$work/command.log" >&2; return 1; }
+}
+
+# Runs an application; it must succeed, and under LANGUAGE=de its error text
+# must come from the installed German catalog.
+run_application() {
+  local program=$1 english german
+  (cd "$work" && LANGUAGE=en "$program") > "$work/en.txt"
+  (cd "$work" && LANGUAGE=de "$program") > "$work/de.txt"
+  cat "$work/de.txt"
+  english=$(grep '^message: ' "$work/en.txt")
+  german=$(grep '^message: ' "$work/de.txt")
+  if [ "$english" = "$german" ]; then
+    echo "consumer-check: the installed library did not find its catalogs" >&2
+    return 1
+  fi
+}
+
+check_install() {
+  local kind=$1 shared=$2
+  local prefix="$work/$kind/prefix" build="$work/$kind/build"
+  echo "== $kind: build and install the library"
+  quiet cmake -S "$root" -B "$build" "${library_options[@]}" -DBUILD_SHARED_LIBS="$shared" \
+    -DCMAKE_INSTALL_PREFIX="$prefix"
+  quiet cmake --build "$build" -j "$jobs"
+  quiet cmake --install "$build"
+  ls "$prefix"/share/locale/*/LC_MESSAGES/zrkapi.mo >/dev/null
+
+  echo "== $kind: find_package(zrkapi)"
+  quiet cmake -S tests/packaging/consumer -B "$work/$kind/cmake-app" -G Ninja -DCMAKE_PREFIX_PATH="$prefix"
+  quiet cmake --build "$work/$kind/cmake-app"
+  run_application "$work/$kind/cmake-app/zrkapi_consumer"
+
+  echo "== $kind: pkg-config zrkapi"
+  local pcdir static=()
+  pcdir=$(dirname "$(find "$prefix" -name zrkapi.pc)")
+  [ "$shared" = OFF ] && static=(--static)
+  # shellcheck disable=SC2046
+  c++ -std=c++20 tests/packaging/consumer/main.cpp -o "$work/$kind/pkg-app" \
+    $(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs "${static[@]}" zrkapi)
+  LD_LIBRARY_PATH="$(dirname "$pcdir")" run_application "$work/$kind/pkg-app"
+}
+
+check_install shared ON
+check_install static OFF
+
+echo "== add_subdirectory from a parent project"
+quiet cmake -S tests/packaging/subproject -B "$work/parent" -G Ninja -DZRK_SOURCE_DIR="$root"
+
+echo "== consumer check passed"

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets everything up and runs every test: the normal build, then the suite
 # under AddressSanitizer + UndefinedBehaviorSanitizer, then under
-# ThreadSanitizer. Exits non-zero on the first failure.
+# ThreadSanitizer, then each fuzz target for a bounded time, then a consumer
+# project against the installed package. Exits non-zero on the first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -26,4 +27,8 @@ run_suite() {
 run_suite normal "" RelWithDebInfo
 run_suite asan address Debug
 run_suite tsan thread Debug
+echo "== fuzzing"
+bash scripts/fuzz.sh 60
+echo "== packaging"
+bash scripts/consumer-check.sh
 echo "== all suites passed"

@@ -42,6 +42,11 @@ namespace zrk {
 class ZRKURLSession;
 class ZRKURLSessionDataTask;
 
+// The default cap on a decoded response body: far above any answer of the
+// service, low enough that a hostile or broken server (a compression bomb
+// included) cannot exhaust memory.
+inline constexpr std::size_t ZRKURLSessionMaximumResponseBytes = std::size_t{64} << 20;
+
 namespace detail {
 struct TaskState;
 }  // namespace detail
@@ -58,10 +63,12 @@ struct ZRKURLSessionConfiguration {
   double timeoutIntervalForResource = 0;
   // Largest decoded body accepted, in bytes; a larger one fails the task
   // with ZRKURLErrorResponseTooLarge. 0 for no limit.
-  std::size_t maximumResponseBytes = 64u << 20;
+  std::size_t maximumResponseBytes = ZRKURLSessionMaximumResponseBytes;
   // Sent as "User-Agent" unless a request sets its own; empty sends none.
   std::string userAgent = "zrkapi/1.0.0";
-  // A file of PEM certificates to trust instead of the system's store.
+  // A file of PEM certificates to trust instead of the system's store. The
+  // peer's certificate and name are always verified; there is no setting
+  // that turns verification off.
   std::string caInfoPath;
 
   static std::shared_ptr<ZRKURLSessionConfiguration> defaultSessionConfiguration() {

@@ -10,6 +10,7 @@
 #include "zrk/ZRKRequestBodies.h"
 #include "zrk/ZRKScanAPIResponse.h"
 #include "endpoints/ZRKScanUpload.h"
+#include "request/ZRKEndpointURL.h"
 #include "request/ZRKJsonBody.h"
 
 namespace zrk {
@@ -21,16 +22,54 @@ ZRKJson optionsWithCollection(const std::optional<std::string>& collection) {
   return options;
 }
 
-std::string endpointFor(const ZRKJson& options) {
-  std::string endpoint = "app/v1/scan";
+// "app/v1/scan", or "app/v1/scan/<collection>" with the collection kept to
+// one escaped segment, so that no identifier can reach another path, a
+// query or a fragment.
+std::optional<ZRKURL> scanURLFor(const ZRKApiClient& client, const ZRKJson& options) {
+  std::optional<ZRKURL> url = client.apiURL();
+  if (url) url = url->URLByAppendingPathComponent("app/v1/scan");
   if (options.is_object()) {
     const auto found = options.find("collectionId");
     if (found != options.end()) {
-      endpoint += '/';
-      endpoint += found->is_string() ? found->get<std::string>() : found->dump();
+      url = detail::URLByAppendingPathSegment(url, found->is_string() ? found->get<std::string>() : found->dump());
     }
   }
-  return endpoint;
+  return url;
+}
+
+void uploadImage(const ZRKApiClient& client, const ZRKImage& image, const std::optional<ZRKURL>& url,
+                 ZRKScanCompletion completion) {
+  ZRKMultipartFormDataPart part;
+  part.setName("file");
+  part.setFilename("image.jpg");
+  part.setContentType("multipart/form-data");
+  part.setData(detail::scanUploadJPEG(image));
+  const std::string boundary = ZRKMultipartFormDataEncoder::generateBoundary();
+
+  ZRKURLRequest request = client.configuredRequestForURL(url);
+  request.setHTTPMethod("POST");
+  zrk_setMultipartFormData(request, ZRKMultipartFormDataEncoder::multipartFormDataForParts({part}, boundary), boundary);
+
+  client.urlSession()
+      ->dataTaskWithRequest(
+          std::move(request),
+          [completion = std::move(completion)](std::optional<std::string> data,
+                                               std::shared_ptr<const ZRKHTTPURLResponse> response,
+                                               std::optional<ZRKError> transportError) mutable {
+            const std::optional<ZRKJson> parsed = detail::parseJSONObjectBody(data);
+            // An error body outranks the transport's error; the status is not examined.
+            std::optional<ZRKError> error = zrk_errorFromAPIResponse(parsed ? &*parsed : nullptr);
+            if (!error) error = std::move(transportError);
+            if (!error && !response) error = zrk_genericFailedToParseResponseError();
+            if (!completion) return;
+            zrkDispatchToMainThreadIfNecessary(
+                [completion = std::move(completion), parsed, error = std::move(error)]() mutable {
+                  if (error) return completion(nullptr, std::move(error));
+                  const auto decoded = ZRKScanAPIResponse().decodedObjectFromAPIResponse(parsed ? &*parsed : nullptr);
+                  completion(std::dynamic_pointer_cast<ZRKScanAPIResponse>(decoded), std::nullopt);
+                });
+          })
+      ->resume();
 }
 
 }  // namespace
@@ -60,8 +99,8 @@ void ZRKApiClient::scanWithUrl(const ZRKJson& url, const std::optional<std::stri
 }
 
 void ZRKApiClient::scanUrlWithOptions(const ZRKJson& options, ZRKScanCompletion completion) {
-  ZRKApiRequest::postWithAPIClient(
-      shared_from_this(), endpointFor(options), options, std::make_shared<ZRKScanAPIResponse>(),
+  detail::postToURL(
+      shared_from_this(), scanURLFor(*this, options), options, std::make_shared<ZRKScanAPIResponse>(),
       [completion = std::move(completion)](std::shared_ptr<ZRKApiResponseDecodable> result,
                                            std::shared_ptr<const ZRKHTTPURLResponse>, std::optional<ZRKError> error) {
         if (!completion) return;
@@ -98,9 +137,9 @@ void ZRKApiClient::scanImage(std::shared_ptr<const ZRKImage> image, const ZRKJso
 
   // Scaling and encoding a photo takes tens of milliseconds: never on the
   // main thread, where the token step may have left this call.
-  auto upload = [self = shared_from_this(), image = std::move(image), endpoint = endpointFor(options),
+  auto upload = [self = shared_from_this(), image = std::move(image), url = scanURLFor(*this, options),
                  completion = std::move(completion)]() mutable {
-    self->sendImageScan(*image, endpoint, std::move(completion));
+    uploadImage(*self, *image, url, std::move(completion));
   };
   if (ZRKMainQueue::isMainThread()) {
     ZRKGlobalQueue::globalQueue().async(std::move(upload));
@@ -110,39 +149,9 @@ void ZRKApiClient::scanImage(std::shared_ptr<const ZRKImage> image, const ZRKJso
 }
 
 void ZRKApiClient::sendImageScan(const ZRKImage& image, const std::string& endpoint, ZRKScanCompletion completion) {
-  ZRKMultipartFormDataPart part;
-  part.setName("file");
-  part.setFilename("image.jpg");
-  part.setContentType("multipart/form-data");
-  part.setData(detail::scanUploadJPEG(image));
-  const std::string boundary = ZRKMultipartFormDataEncoder::generateBoundary();
-
   std::optional<ZRKURL> url = apiURL();
   if (url) url = url->URLByAppendingPathComponent(endpoint);
-  ZRKURLRequest request = configuredRequestForURL(url);
-  request.setHTTPMethod("POST");
-  zrk_setMultipartFormData(request, ZRKMultipartFormDataEncoder::multipartFormDataForParts({part}, boundary), boundary);
-
-  urlSession()
-      ->dataTaskWithRequest(
-          std::move(request),
-          [completion = std::move(completion)](std::optional<std::string> data,
-                                               std::shared_ptr<const ZRKHTTPURLResponse> response,
-                                               std::optional<ZRKError> transportError) mutable {
-            const std::optional<ZRKJson> parsed = detail::parseJSONObjectBody(data);
-            // An error body outranks the transport's error; the status is not examined.
-            std::optional<ZRKError> error = zrk_errorFromAPIResponse(parsed ? &*parsed : nullptr);
-            if (!error) error = std::move(transportError);
-            if (!error && !response) error = zrk_genericFailedToParseResponseError();
-            if (!completion) return;
-            zrkDispatchToMainThreadIfNecessary(
-                [completion = std::move(completion), parsed, error = std::move(error)]() mutable {
-                  if (error) return completion(nullptr, std::move(error));
-                  const auto decoded = ZRKScanAPIResponse().decodedObjectFromAPIResponse(parsed ? &*parsed : nullptr);
-                  completion(std::dynamic_pointer_cast<ZRKScanAPIResponse>(decoded), std::nullopt);
-                });
-          })
-      ->resume();
+  uploadImage(*this, image, url, std::move(completion));
 }
 
 }  // namespace zrk

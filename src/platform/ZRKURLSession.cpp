@@ -7,7 +7,6 @@
 #include <climits>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -111,6 +110,15 @@ struct Transfer {
   std::string body;  // the request body; curl reads it in place
   std::size_t maximumResponseBytes = 0;
   bool tooLarge = false;
+  // No bytes moved for `idle` fails the transfer. curl's own low-speed
+  // check averages over a window of seconds, so bytes just sent keep a
+  // stalled transfer alive well past its time-out; this one is exact.
+  std::chrono::steady_clock::duration idle{};
+  std::chrono::steady_clock::time_point lastProgress;
+  curl_off_t lastMoved = -1;
+  bool idleTimedOut = false;
+  // The blank line that ends the final header block has arrived.
+  bool headersComplete = false;
 
   std::string responseBody;
   std::string httpVersion;
@@ -135,6 +143,21 @@ std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) 
   return n;
 }
 
+int onProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {
+  auto* t = static_cast<Transfer*>(user);
+  const auto now = std::chrono::steady_clock::now();
+  if (downloaded + uploaded != t->lastMoved) {
+    t->lastMoved = downloaded + uploaded;
+    t->lastProgress = now;
+    return 0;
+  }
+  if (t->idle.count() > 0 && now - t->lastProgress >= t->idle) {
+    t->idleTimedOut = true;
+    return 1;
+  }
+  return 0;
+}
+
 std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user) {
   auto* t = static_cast<Transfer*>(user);
   const std::size_t n = size * count;
@@ -144,6 +167,11 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
     t->responseHeaders = ZRKHTTPHeaderFields();
     t->lastHeaderName.clear();
     t->httpVersion = std::string(line.substr(0, line.find(' ')));
+    t->headersComplete = false;
+    return n;
+  }
+  if (line == "\r\n" || line == "\n") {
+    t->headersComplete = true;
     return n;
   }
   if (line.front() == ' ' || line.front() == '\t') {
@@ -276,8 +304,11 @@ void CurlLoop::start(std::shared_ptr<ZRKURLSessionDataTask> task, std::shared_pt
   const double idle = t->request.timeoutInterval() > 0 ? t->request.timeoutInterval()
                                                        : configuration.timeoutIntervalForRequest;
   if (idle > 0) {
-    curl_easy_setopt(e, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(e, CURLOPT_LOW_SPEED_TIME, std::max(1L, static_cast<long>(std::ceil(idle))));
+    t->idle = std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(idle));
+    t->lastProgress = std::chrono::steady_clock::now();
+    curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, onProgress);
+    curl_easy_setopt(e, CURLOPT_XFERINFODATA, t.get());
+    curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
   }
   long connectMs = static_cast<long>(configuration.connectTimeout * 1000);
   if (idle > 0) connectMs = std::min(connectMs > 0 ? connectMs : LONG_MAX, static_cast<long>(idle * 1000));
@@ -337,10 +368,23 @@ void CurlLoop::done(CURL* easy, CURLcode result) {
   transfers_.erase(it);
   TaskState& state = *t->state;
 
+  if (result == CURLE_OK && !t->headersComplete) {
+    // The connection ended inside the header block: no answer arrived.
+    state.finish(std::nullopt, nullptr,
+                 transportError(ZRKURLErrorBadServerResponse, "The server's answer ended within its header.",
+                                t->request.URL()));
+    return;
+  }
   if (result != CURLE_OK) {
-    const long code = t->tooLarge ? ZRKURLErrorResponseTooLarge : static_cast<long>(result);
-    const std::string detail = t->tooLarge ? "The response body is larger than the session accepts."
-                                           : std::string(t->errorBuffer);
+    long code = static_cast<long>(result);
+    std::string detail = t->errorBuffer;
+    if (t->tooLarge) {
+      code = ZRKURLErrorResponseTooLarge;
+      detail = "The response body is larger than the session accepts.";
+    } else if (t->idleTimedOut) {
+      code = ZRKURLErrorTimedOut;
+      detail = "No data moved within the request's time-out.";
+    }
     state.finish(std::nullopt, nullptr, transportError(code, detail, t->request.URL()));
     return;
   }

@@ -4,7 +4,10 @@
 #include "zrk/ZRKApiError.h"
 #include "zrk/ZRKDispatchFunctions.h"
 #include "zrk/ZRKRequestBodies.h"
+#include "request/ZRKEndpointURL.h"
 #include "request/ZRKJsonBody.h"
+#include "platform/ZRKText.h"
+#include "platform/ZRKURLCharacters.h"
 
 namespace zrk {
 namespace {
@@ -36,15 +39,41 @@ ZRKApiRequest::Deserializers single(ZRKDeserializer deserializer) {
 }
 
 ZRKApiRequest::Task sendWithBody(const std::shared_ptr<ZRKApiClient>& client, const char* method,
-                                 std::string_view endpoint, const ZRKJson& parameters,
+                                 ZRKURLRequest request, const ZRKJson& parameters,
                                  ZRKApiRequest::Deserializers deserializers, ZRKApiRequestCompletion completion) {
-  ZRKURLRequest request = requestFor(*client, endpoint);
   request.setHTTPMethod(method);
   if (hasKeys(parameters)) zrk_setJSONPayload(request, parameters);
   return send(*client, std::move(request), std::move(deserializers), std::move(completion));
 }
 
 }  // namespace
+
+namespace detail {
+
+std::optional<ZRKURL> URLByAppendingPathSegment(const std::optional<ZRKURL>& url, std::string_view segment) {
+  if (!url) return std::nullopt;
+  std::string encoded;
+  // "." and ".." would be resolved away by the transport; "%2E" is not.
+  const bool dots = segment.find_first_not_of('.') == std::string_view::npos;
+  appendPercentEncoded(encoded, segment, [dots](unsigned char c) {
+    return (isUnreserved(c) && !(dots && c == '.')) || isSubDelim(c) || c == ':' || c == '@';
+  });
+  std::string text = url->absoluteString();
+  const auto schemeEnd = text.find("://");
+  const auto end = text.find_first_of("?#", schemeEnd == std::string::npos ? 0 : schemeEnd + 3);
+  const auto at = end == std::string::npos ? text.size() : end;
+  text.insert(at, (at > 0 && text[at - 1] == '/') ? encoded : "/" + encoded);
+  return ZRKURL::URLWithString(text);
+}
+
+ZRKApiRequest::Task postToURL(const std::shared_ptr<ZRKApiClient>& client, const std::optional<ZRKURL>& url,
+                              const ZRKJson& parameters, ZRKDeserializer deserializer,
+                              ZRKApiRequestCompletion completion) {
+  return sendWithBody(client, "POST", client->configuredRequestForURL(url), parameters,
+                      single(std::move(deserializer)), std::move(completion));
+}
+
+}  // namespace detail
 
 ZRKApiRequest::Task ZRKApiRequest::postWithAPIClient(const std::shared_ptr<ZRKApiClient>& client,
                                                      std::string_view endpoint, const ZRKJson& parameters,
@@ -55,7 +84,8 @@ ZRKApiRequest::Task ZRKApiRequest::postWithAPIClient(const std::shared_ptr<ZRKAp
 ZRKApiRequest::Task ZRKApiRequest::postWithAPIClient(const std::shared_ptr<ZRKApiClient>& client,
                                                      std::string_view endpoint, const ZRKJson& parameters,
                                                      Deserializers deserializers, ZRKApiRequestCompletion completion) {
-  return sendWithBody(client, "POST", endpoint, parameters, std::move(deserializers), std::move(completion));
+  return sendWithBody(client, "POST", requestFor(*client, endpoint), parameters, std::move(deserializers),
+                      std::move(completion));
 }
 
 ZRKApiRequest::Task ZRKApiRequest::getWithAPIClient(const std::shared_ptr<ZRKApiClient>& client,
@@ -100,7 +130,8 @@ ZRKApiRequest::Task ZRKApiRequest::patchWithAPIClient(const std::shared_ptr<ZRKA
 ZRKApiRequest::Task ZRKApiRequest::patchWithAPIClient(const std::shared_ptr<ZRKApiClient>& client,
                                                       std::string_view endpoint, const ZRKJson& parameters,
                                                       Deserializers deserializers, ZRKApiRequestCompletion completion) {
-  return sendWithBody(client, "PATCH", endpoint, parameters, std::move(deserializers), std::move(completion));
+  return sendWithBody(client, "PATCH", requestFor(*client, endpoint), parameters, std::move(deserializers),
+                      std::move(completion));
 }
 
 void ZRKApiRequest::parseResponse(std::shared_ptr<const ZRKHTTPURLResponse> response,

@@ -18,6 +18,7 @@
 
 #include "zrk/ZRKApi.h"
 #include "zrk/ZRKError.h"
+#include "zrk/ZRKImage.h"
 #include "zrk/ZRKScanAPIResponse.h"
 
 namespace example {
@@ -75,6 +76,13 @@ inline std::optional<ScanArguments> parseScanArguments(int argc, char** argv) {
 inline void configureClient(const ScanArguments& arguments) {
   zrk::ZRKApi::initializeWithAppKey(arguments.key, arguments.secret);
   zrk::ZRKApiClient::setBaseUrl(arguments.baseUrl);
+}
+
+// The photo to scan; nothing (after saying why) when the file is no image.
+inline std::shared_ptr<zrk::ZRKImage> loadPhoto(const ScanArguments& arguments) {
+  auto photo = zrk::ZRKImage::imageWithContentsOfFile(arguments.image);
+  if (!photo) std::fprintf(stderr, "%s: not a JPEG or PNG file\n", arguments.image.c_str());
+  return photo;
 }
 
 // Prints the outcome of a scan; the program's exit status.

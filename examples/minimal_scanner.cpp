@@ -11,11 +11,8 @@ int main(int argc, char** argv) {
   if (!arguments) return 2;
   example::configureClient(*arguments);
 
-  const auto photo = zrk::ZRKImage::imageWithContentsOfFile(arguments->image);
-  if (!photo) {
-    std::fprintf(stderr, "%s: not a JPEG or PNG file\n", arguments->image.c_str());
-    return 2;
-  }
+  const auto photo = example::loadPhoto(*arguments);
+  if (!photo) return 2;
 
   int status = -1;
   zrk::ZRKApi::sharedApiClient()->scanWithImage(photo, arguments->collection, [&](auto scan, auto error) {

@@ -15,11 +15,8 @@ int main(int argc, char** argv) {
   const auto arguments = example::parseScanArguments(argc, argv);
   if (!arguments) return 2;
   example::configureClient(*arguments);
-  const auto photo = zrk::ZRKImage::imageWithContentsOfFile(arguments->image);
-  if (!photo) {
-    std::fprintf(stderr, "%s: not a JPEG or PNG file\n", arguments->image.c_str());
-    return 2;
-  }
+  const auto photo = example::loadPhoto(*arguments);
+  if (!photo) return 2;
 
   auto& queue = zrk::ZRKMainQueue::mainQueue();
   int status = -1;

@@ -9,7 +9,7 @@ packages=(
   libcurl4-openssl-dev nlohmann-json3-dev
   libturbojpeg0-dev libspng-dev libhwy-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
-  gettext libcli11-dev libsqlite3-dev libopencv-dev clang libglib2.0-dev doxygen libssl-dev
+  gettext libcli11-dev libsqlite3-dev libopencv-dev clang libglib2.0-dev doxygen libssl-dev zlib1g-dev openssl
 )
 
 missing=()

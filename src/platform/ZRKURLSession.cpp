@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
 #include <atomic>
 #include <chrono>
 #include <map>
@@ -223,7 +224,22 @@ class CurlLoop {
   CurlLoop() {
     curl_global_init(CURL_GLOBAL_DEFAULT);
     multi_ = curl_multi_init();
-    std::thread([this] { run(); }).detach();
+    thread_ = std::thread([this] { run(); });
+    // At exit the TLS library frees its global state from its own exit
+    // handler, registered by curl_global_init above. This one runs before it
+    // (handlers run in reverse) and parks the I/O thread, so no transfer in
+    // flight touches that state while, or after, it goes. Transfers still
+    // in flight then end without a completion: the process is ending.
+    std::atexit([] { shared().stop(); });
+  }
+
+  void stop() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    curl_multi_wakeup(multi_);
+    if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
   }
 
   void run();
@@ -234,7 +250,9 @@ class CurlLoop {
   CURLM* multi_ = nullptr;
   std::mutex mutex_;
   std::vector<std::function<void()>> commands_;  // guarded by mutex_
+  bool stopping_ = false;                        // guarded by mutex_
   std::map<std::uint64_t, std::unique_ptr<Transfer>> transfers_;  // I/O thread only
+  std::thread thread_;
 };
 
 void CurlLoop::run() {
@@ -242,6 +260,7 @@ void CurlLoop::run() {
   for (;;) {
     {
       std::lock_guard lock(mutex_);
+      if (stopping_) return;
       commands.swap(commands_);
     }
     for (auto& command : commands) command();

@@ -128,7 +128,9 @@ class ZRKApiClient : public ZRKURLSessionDelegate, public std::enable_shared_fro
   // the shared client) and then sends its request whether or not that
   // succeeded: a refused token shows as the scan's own error. A collection
   // that is absent or "" scans the whole app; otherwise it goes into the path
-  // "app/v1/scan/<collection>" as it is, unescaped.
+  // "app/v1/scan/<collection>" as one path segment: an ordinary id goes as
+  // it is, and "/", "?", "#", "%", controls and dot segments are
+  // percent-encoded so that no id can reach another path.
   //
   // The image's address: a URL (its text), or a JSON string (itself); any
   // other JSON value sends no "fileUrl". The options ("collectionId",
@@ -220,7 +222,6 @@ class ZRKApiClient : public ZRKURLSessionDelegate, public std::enable_shared_fro
 
  private:
   ZRKApiClient();
-  void sendImageScan(const ZRKImage& image, const std::string& endpoint, ZRKScanCompletion completion);
   struct Fields;
   std::unique_ptr<Fields> fields_;
 };

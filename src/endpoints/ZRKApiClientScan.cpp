@@ -148,10 +148,4 @@ void ZRKApiClient::scanImage(std::shared_ptr<const ZRKImage> image, const ZRKJso
   }
 }
 
-void ZRKApiClient::sendImageScan(const ZRKImage& image, const std::string& endpoint, ZRKScanCompletion completion) {
-  std::optional<ZRKURL> url = apiURL();
-  if (url) url = url->URLByAppendingPathComponent(endpoint);
-  uploadImage(*this, image, url, std::move(completion));
-}
-
 }  // namespace zrk

@@ -14,6 +14,10 @@
 
 namespace zrk::test {
 
+// A listening TCP socket on 127.0.0.1 at a port the system picks; the port
+// is written to `port`.
+int listenOnLoopback(int& port);
+
 class RawRecorder {
  public:
   explicit RawRecorder(std::string response = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"

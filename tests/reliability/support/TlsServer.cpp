@@ -1,5 +1,7 @@
 #include "support/TlsServer.h"
 
+#include "support/RawRecorder.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <openssl/err.h>
@@ -90,15 +92,7 @@ TlsServer::TlsServer(const std::string& keyAndCertificateFile, std::string answe
     std::abort();
   }
   context_ = context;
-  listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::listen(listener_, 16);
-  socklen_t length = sizeof address;
-  ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-  port_ = ntohs(address.sin_port);
+  listener_ = listenOnLoopback(port_);
   thread_ = std::thread([this] { serve(); });
 }
 

@@ -4,8 +4,9 @@
 // redirects itself and calls its completion handler exactly once, on the
 // session's delegate queue, with the body, the response and a transport
 // error (exactly one of response and error is set; the body accompanies the
-// response). All sessions share one private I/O thread that drives libcurl;
-// no application code ever runs on it.
+// response). The bytes move through the configuration's transport
+// (ZRKURLTransport.h): by default libcurl on one private I/O thread shared by
+// every session, on which no application code ever runs.
 //
 // Redirects: on a 301, 302, 303, 307 or 308 answer with a Location header,
 // the session proposes the next request: 301 and 302 turn a POST into a GET
@@ -36,6 +37,7 @@
 #include "zrk/ZRKError.h"
 #include "zrk/ZRKMainQueue.h"
 #include "zrk/ZRKURLRequest.h"
+#include "zrk/ZRKURLTransport.h"
 
 namespace zrk {
 
@@ -70,6 +72,9 @@ struct ZRKURLSessionConfiguration {
   // peer's certificate and name are always verified; there is no setting
   // that turns verification off.
   std::string caInfoPath;
+  // What moves the bytes; nullptr takes ZRKURLTransport::defaultTransport().
+  // Tests put a ZRKMemoryTransport here.
+  std::shared_ptr<ZRKURLTransport> transport;
 
   static std::shared_ptr<ZRKURLSessionConfiguration> defaultSessionConfiguration() {
     return std::make_shared<ZRKURLSessionConfiguration>();

@@ -1,0 +1,325 @@
+// The default transport: libcurl's multi interface on one I/O thread shared
+// by every session. It moves one hop and reports it; the session above
+// decides everything else.
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/ZRKText.h"
+#include "platform/ZRKTransportError.h"
+#include "zrk/ZRKURLSession.h"
+#include "zrk/ZRKURLTransport.h"
+
+namespace zrk {
+namespace detail {
+
+ZRKError transportError(long code, const std::string& message, const std::optional<ZRKURL>& url) {
+  ZRKJson info = ZRKJson::object();
+  info[ZRKLocalizedDescriptionKey] =
+      message.empty() ? std::string(curl_easy_strerror(static_cast<CURLcode>(code))) : message;
+  if (url) info[ZRKURLErrorFailingURLStringKey] = url->absoluteString();
+  return ZRKError(ZRKURLErrorDomain, code, std::move(info));
+}
+
+namespace {
+
+std::string_view trim(std::string_view s) {
+  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r' || s.back() == '\n')) {
+    s.remove_suffix(1);
+  }
+  return s;
+}
+
+// One exchange on the wire. Owned by the I/O thread.
+struct Transfer {
+  std::uint64_t identifier = 0;
+  std::shared_ptr<ZRKURLTransportClient> client;
+  ZRKURLRequest request;
+  CURL* easy = nullptr;
+  curl_slist* headers = nullptr;
+  std::string body;  // the request body; curl reads it in place
+  curl_off_t lastMoved = -1;
+  bool stopped = false;  // the client asked to stop
+  // The blank line that ends the final header block has arrived.
+  bool headersComplete = false;
+  std::string httpVersion;
+  ZRKHTTPHeaderFields responseHeaders;
+  std::string lastHeaderName;
+  char errorBuffer[CURL_ERROR_SIZE] = {};
+
+  ~Transfer() {
+    if (easy) curl_easy_cleanup(easy);
+    if (headers) curl_slist_free_all(headers);
+  }
+};
+
+std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
+  auto* t = static_cast<Transfer*>(user);
+  const std::size_t n = size * count;
+  if (!t->client->didReceiveData(std::string_view(data, n))) {
+    t->stopped = true;
+    return 0;
+  }
+  return n;
+}
+
+int onProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {
+  auto* t = static_cast<Transfer*>(user);
+  if (downloaded + uploaded != t->lastMoved) {
+    t->lastMoved = downloaded + uploaded;
+    t->client->didMoveBytes();
+  }
+  return 0;
+}
+
+std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user) {
+  auto* t = static_cast<Transfer*>(user);
+  const std::size_t n = size * count;
+  const std::string_view line(data, n);
+  t->client->didMoveBytes();
+  if (line.substr(0, 5) == "HTTP/") {
+    // A new status line: an interim 1xx answer's fields are not the final ones.
+    t->responseHeaders = ZRKHTTPHeaderFields();
+    t->lastHeaderName.clear();
+    t->httpVersion = std::string(line.substr(0, line.find(' ')));
+    t->headersComplete = false;
+    return n;
+  }
+  if (line == "\r\n" || line == "\n") {
+    t->headersComplete = true;
+    return n;
+  }
+  if (line.front() == ' ' || line.front() == '\t') {
+    // An obsolete folded line continues the previous field.
+    if (!t->lastHeaderName.empty()) {
+      auto value = t->responseHeaders.valueForHTTPHeaderField(t->lastHeaderName).value_or("");
+      value += ' ';
+      value += trim(line);
+      t->responseHeaders.setValue(std::move(value), t->lastHeaderName);
+    }
+    return n;
+  }
+  const auto colon = line.find(':');
+  if (colon == std::string_view::npos) return n;
+  const std::string name(trim(line.substr(0, colon)));
+  if (name.empty()) return n;
+  t->responseHeaders.addValue(std::string(trim(line.substr(colon + 1))), name);
+  t->lastHeaderName = name;
+  return n;
+}
+
+class CurlLoop {
+ public:
+  static CurlLoop& shared() {
+    // Leaked on purpose: transfers may be in flight while the process exits.
+    static CurlLoop* const loop = new CurlLoop;
+    return *loop;
+  }
+
+  void post(std::function<void()> command) {
+    {
+      std::lock_guard lock(mutex_);
+      commands_.push_back(std::move(command));
+    }
+    curl_multi_wakeup(multi_);
+  }
+
+  // I/O thread only.
+  void start(std::shared_ptr<Transfer> t, double connectTimeout, const std::string& caInfoPath);
+  void remove(std::uint64_t identifier) {
+    const auto it = transfers_.find(identifier);
+    if (it == transfers_.end()) return;
+    curl_multi_remove_handle(multi_, it->second->easy);
+    transfers_.erase(it);
+  }
+
+ private:
+  CurlLoop() {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    multi_ = curl_multi_init();
+    thread_ = std::thread([this] { run(); });
+    // At exit the TLS library frees its global state from its own exit
+    // handler, registered by curl_global_init above. This one runs before it
+    // (handlers run in reverse) and parks the I/O thread, so no transfer in
+    // flight touches that state while, or after, it goes. Transfers still
+    // in flight then end without a completion: the process is ending.
+    std::atexit([] { shared().stop(); });
+  }
+
+  void stop() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    curl_multi_wakeup(multi_);
+    if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
+  }
+
+  void run();
+  void done(CURL* easy, CURLcode result);
+
+  CURLM* multi_ = nullptr;
+  std::mutex mutex_;
+  std::vector<std::function<void()>> commands_;  // guarded by mutex_
+  bool stopping_ = false;                        // guarded by mutex_
+  std::map<std::uint64_t, std::shared_ptr<Transfer>> transfers_;  // I/O thread only
+  std::thread thread_;
+};
+
+void CurlLoop::run() {
+  std::vector<std::function<void()>> commands;
+  for (;;) {
+    {
+      std::lock_guard lock(mutex_);
+      if (stopping_) return;
+      commands.swap(commands_);
+    }
+    for (auto& command : commands) command();
+    commands.clear();
+
+    int running = 0;
+    curl_multi_perform(multi_, &running);
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
+      if (message->msg == CURLMSG_DONE) done(message->easy_handle, message->data.result);
+    }
+    curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
+  }
+}
+
+void CurlLoop::start(std::shared_ptr<Transfer> t, double connectTimeout, const std::string& caInfoPath) {
+  t->easy = curl_easy_init();
+  CURL* e = t->easy;
+  curl_easy_setopt(e, CURLOPT_PRIVATE, t.get());
+  curl_easy_setopt(e, CURLOPT_URL, t->request.URL()->absoluteString().c_str());
+  curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(e, CURLOPT_ERRORBUFFER, t->errorBuffer);
+  curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, onBody);
+  curl_easy_setopt(e, CURLOPT_WRITEDATA, t.get());
+  curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, onHeader);
+  curl_easy_setopt(e, CURLOPT_HEADERDATA, t.get());
+  curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, onProgress);
+  curl_easy_setopt(e, CURLOPT_XFERINFODATA, t.get());
+  curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
+  curl_easy_setopt(e, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  curl_easy_setopt(e, CURLOPT_TCP_KEEPALIVE, 1L);
+  if (!caInfoPath.empty()) curl_easy_setopt(e, CURLOPT_CAINFO, caInfoPath.c_str());
+  // Connecting has a limit of its own, never longer than the idle time-out.
+  long connectMs = static_cast<long>(connectTimeout * 1000);
+  const double idle = t->request.timeoutInterval();
+  if (idle > 0) connectMs = std::min(connectMs > 0 ? connectMs : LONG_MAX, static_cast<long>(idle * 1000));
+  if (connectMs > 0) curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, connectMs);
+
+  const std::string& method = t->request.HTTPMethod();
+  const bool hasBody = t->request.HTTPBody().has_value();
+  if (hasBody) t->body = *t->request.HTTPBody();
+  // Methods that carry a body announce an empty one, so that no server waits
+  // for bytes that never come.
+  const bool announcesLength = hasBody || method == "POST" || method == "PUT" || method == "PATCH";
+  if (method == "GET") {
+    curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
+  } else if (method == "HEAD") {
+    curl_easy_setopt(e, CURLOPT_NOBODY, 1L);
+  } else if (announcesLength) {
+    curl_easy_setopt(e, CURLOPT_POSTFIELDS, t->body.data());
+    curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(t->body.size()));
+    if (method != "POST") curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, method.c_str());
+  } else {
+    curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, method.c_str());
+  }
+
+  // An empty "Expect:" stops curl's 100-continue round trip on large bodies.
+  t->headers = curl_slist_append(t->headers, "Expect:");
+  // curl labels every POST body as a form unless told otherwise; a request
+  // without a body has no type to state.
+  if (!hasBody && !t->request.valueForHTTPHeaderField("Content-Type")) {
+    t->headers = curl_slist_append(t->headers, "Content-Type:");
+  }
+  for (const auto& [name, value] : t->request.allHTTPHeaderFields().fields()) {
+    const std::string line = value.empty() ? name + ";" : name + ": " + value;
+    t->headers = curl_slist_append(t->headers, line.c_str());
+  }
+  curl_easy_setopt(e, CURLOPT_HTTPHEADER, t->headers);
+
+  curl_multi_add_handle(multi_, e);
+  const auto identifier = t->identifier;
+  transfers_[identifier] = std::move(t);
+}
+
+void CurlLoop::done(CURL* easy, CURLcode result) {
+  Transfer* raw = nullptr;
+  curl_easy_getinfo(easy, CURLINFO_PRIVATE, &raw);
+  curl_multi_remove_handle(multi_, easy);
+  auto it = transfers_.find(raw->identifier);
+  if (it == transfers_.end()) return;
+  const std::shared_ptr<Transfer> t = std::move(it->second);
+  transfers_.erase(it);
+  if (t->stopped) return;
+
+  if (result == CURLE_OK && !t->headersComplete) {
+    // The connection ended inside the header block: no answer arrived.
+    t->client->didComplete(nullptr, transportError(ZRKURLErrorBadServerResponse,
+                                                   "The server's answer ended within its header.", t->request.URL()));
+    return;
+  }
+  if (result != CURLE_OK) {
+    t->client->didComplete(nullptr, transportError(static_cast<long>(result), t->errorBuffer, t->request.URL()));
+    return;
+  }
+  long status = 0;
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+  t->client->didComplete(std::make_shared<const ZRKHTTPURLResponse>(t->request.URL(), status, t->httpVersion,
+                                                                    std::move(t->responseHeaders)),
+                         std::nullopt);
+}
+
+class CurlExchange final : public ZRKURLTransportExchange {
+ public:
+  explicit CurlExchange(std::uint64_t identifier) : identifier_(identifier) {}
+  void cancel() override {
+    auto& loop = CurlLoop::shared();
+    loop.post([&loop, id = identifier_] { loop.remove(id); });
+  }
+
+ private:
+  const std::uint64_t identifier_;
+};
+
+class CurlTransport final : public ZRKURLTransport {
+ public:
+  std::shared_ptr<ZRKURLTransportExchange> start(const ZRKURLRequest& request,
+                                                 const ZRKURLSessionConfiguration& configuration,
+                                                 std::shared_ptr<ZRKURLTransportClient> client) override {
+    static std::atomic<std::uint64_t> nextIdentifier{1};
+    auto t = std::make_shared<Transfer>();
+    t->identifier = nextIdentifier.fetch_add(1);
+    t->client = std::move(client);
+    t->request = request;
+    auto exchange = std::make_shared<CurlExchange>(t->identifier);
+    auto& loop = CurlLoop::shared();
+    loop.post([&loop, t = std::move(t), connect = configuration.connectTimeout,
+               caInfo = configuration.caInfoPath]() mutable { loop.start(std::move(t), connect, caInfo); });
+    return exchange;
+  }
+};
+
+}  // namespace
+}  // namespace detail
+
+std::shared_ptr<ZRKURLTransport> ZRKURLTransport::defaultTransport() {
+  static const auto transport = std::make_shared<detail::CurlTransport>();
+  return transport;
+}
+
+}  // namespace zrk

@@ -1,50 +1,68 @@
-// Invariant checks shared by the fuzz targets. A failed check aborts, which
-// libFuzzer reports as a crash and saves the input.
+// What the fuzz targets share: invariant checks (a failed one aborts, which
+// libFuzzer reports as a crash and saves the input) and the request layer's
+// completion rules.
 #ifndef ZRK_FUZZ_FUZZCHECK_H
 #define ZRK_FUZZ_FUZZCHECK_H
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "zrk/ZRKJson.h"
+#include "zrk/ZRKApiRequest.h"
+#include "zrk/ZRKMainQueue.h"
 
-#define ZRK_FUZZ_CHECK(condition)                                                                  \
-  do {                                                                                             \
-    if (!(condition)) {                                                                            \
-      std::fprintf(stderr, "%s:%d: invariant failed: %s\n", __FILE__, __LINE__, #condition);      \
-      std::abort();                                                                                \
-    }                                                                                              \
-  } while (0)
+#define ZRK_FUZZ_CHECK(condition)                                                        \
+  ((condition) ? void() : (std::fprintf(stderr, "%s:%d: invariant failed: %s\n", __FILE__, \
+                                        __LINE__, #condition),                             \
+                           std::abort()))
 
 namespace zrk::fuzz {
 
+inline std::string asString(const std::uint8_t* data, std::size_t size) {
+  return std::string(reinterpret_cast<const char*>(data), size);
+}
+
 // The JSON writer's own UTF-8 validation, independent of the library's.
-inline bool isUTF8(std::string_view text) {
+inline bool isUTF8(std::initializer_list<std::optional<std::string>> texts) {
   try {
-    (void)ZRKJson(std::string(text)).dump();
+    for (const auto& text : texts) (void)ZRKJson(text.value_or("")).dump();
     return true;
   } catch (const ZRKJson::exception&) {
     return false;
   }
 }
 
-inline bool isUTF8(const std::string& text) { return isUTF8(std::string_view(text)); }
-inline bool isUTF8(const std::optional<std::string>& text) { return !text || isUTF8(*text); }
+// Every request-layer completion runs once, on the main thread, with
+// exactly one of object and error, and the error reads as text.
+struct Outcome {
+  int calls = 0;
+  std::shared_ptr<ZRKApiResponseDecodable> object;
+  std::optional<ZRKError> error;
 
-inline bool containsNull(const ZRKJson& value) {
-  if (value.is_null()) return true;
-  if (value.is_structured()) {
-    for (const auto& element : value) {
-      if (containsNull(element)) return true;
-    }
+  ZRKApiRequestCompletion completion() {
+    return [this](auto decoded, auto, std::optional<ZRKError> failure) {
+      ++calls;
+      ZRK_FUZZ_CHECK(ZRKMainQueue::isMainThread() && (decoded == nullptr) == failure.has_value());
+      if (failure) ZRK_FUZZ_CHECK(isUTF8({failure->localizedDescription()}));
+      object = std::move(decoded);
+      error = std::move(failure);
+    };
   }
-  return false;
-}
+};
 
-inline bool hasLineBreak(std::string_view text) { return text.find_first_of("\r\n") != std::string_view::npos; }
+// The request layer's verdict on a body; on the main thread it comes at once.
+inline Outcome parsed(const std::string& body, const ZRKApiRequest::Deserializers& models) {
+  Outcome outcome;
+  ZRKApiRequest::parseResponse(nullptr, body, std::nullopt, models, outcome.completion());
+  ZRK_FUZZ_CHECK(outcome.calls == 1);
+  return outcome;
+}
 
 }  // namespace zrk::fuzz
 

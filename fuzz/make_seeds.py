@@ -43,46 +43,8 @@ class Provider:
         self.back += bytes([value])
         return self
 
-    def int64(self, value):
-        # Consumed byte by byte from the end, most significant first.
-        raw = (value + 2**63) % 2**64
-        self.back += raw.to_bytes(8, "big")
-        return self
-
     def bytes(self):
         return self.front + self.back[::-1]
-
-
-# form_encoder: kinds 0 null, 1 bool, 2 int, 3 unsigned, 5 string, 6 array, 7 object.
-def form_object(p, entries):
-    p.byte(7).byte(len(entries))
-    for key, fill in entries:
-        p.string(key)
-        fill(p)
-
-
-def form_seeds():
-    p = Provider()
-    form_object(p, [
-        ("n", lambda p: p.byte(2).int64(5)),
-        ("on", lambda p: p.byte(1).byte(1)),
-        ("user", lambda p: form_object(p, [
-            ("name", lambda p: p.byte(5).string("A B")),
-            ("tags", lambda p: p.byte(6).byte(2).byte(5).string("x").byte(5).string("y")),
-        ])),
-    ])
-    write("form_encoder", "nested", p.bytes())
-
-    p = Provider()
-    form_object(p, [
-        ("caf\u00e9 &=?", lambda p: p.byte(5).string("line\r\nbreak\t%")),
-        ("empty", lambda p: p.byte(7).byte(0)),
-        ("none", lambda p: p.byte(0)),
-        ("raw", lambda p: p.byte(5).string(b"\xff\xfe\x00bytes")),
-    ])
-    write("form_encoder", "escaping", p.bytes())
-
-    write("form_encoder", "snake_case", Provider().byte(5).string("user_first_name_api_URL").bytes())
 
 
 def url_seeds():
@@ -255,7 +217,6 @@ def request_seeds():
 
 
 if __name__ == "__main__":
-    form_seeds()
     url_seeds()
     multipart_seeds()
     image_seeds()

@@ -1,20 +1,27 @@
 #!/usr/bin/env bash
-# Builds and installs the library twice, shared and static, each into a
-# temporary prefix, and builds a small application against each install:
+# Builds and installs the library, shared and static, each into a prefix,
+# and builds a small application against each install:
 # once with CMake's find_package and once with a plain compiler line from
 # pkg-config. Runs every application, and checks that the installed library
 # finds its installed catalogs. Also configures a parent project that takes
 # the tree in with add_subdirectory. Exits non-zero on the first failure.
+#
+#   scripts/consumer-check.sh [STATIC_TREE]
+#
+# STATIC_TREE: a tree that built the static library already, configured with
+# CMAKE_INSTALL_PREFIX=STATIC_TREE/prefix (the test script's normal tree); it
+# is installed there instead of building the static library again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 jobs=${ZRK_JOBS:-2}
+static_tree=${1:-}
 work=$(mktemp -d "${TMPDIR:-/tmp}/zrk-consumer.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
 # Nothing but the library is built; unoptimised, since only linking and
 # behaviour are checked here.
-library_options=(-G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0
+library_options=(-G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0 -DCMAKE_UNITY_BUILD=ON
   -DZRK_BUILD_TESTS=OFF -DZRK_BUILD_EXAMPLES=OFF -DZRK_BUILD_BENCHMARKS=OFF
   -DZRK_BUILD_TOOLS=OFF -DZRK_BUILD_EMULATOR=OFF -DZRK_BUILD_FUZZERS=OFF)
 
@@ -41,11 +48,18 @@ run_application() {
 check_install() {
   local kind=$1 shared=$2
   local prefix="$work/$kind/prefix" build="$work/$kind/build"
-  echo "== $kind: build and install the library"
-  quiet cmake -S "$root" -B "$build" "${library_options[@]}" -DBUILD_SHARED_LIBS="$shared" \
-    -DCMAKE_INSTALL_PREFIX="$prefix"
-  quiet cmake --build "$build" -j "$jobs"
-  quiet cmake --install "$build"
+  if [ "$shared" = OFF ] && [ -n "$static_tree" ]; then
+    echo "== $kind: install the library from $static_tree"
+    prefix="$root/$static_tree/prefix"
+    rm -rf "$prefix"
+    quiet cmake --install "$root/$static_tree"
+  else
+    echo "== $kind: build and install the library"
+    quiet cmake -S "$root" -B "$build" "${library_options[@]}" -DBUILD_SHARED_LIBS="$shared" \
+      -DCMAKE_INSTALL_PREFIX="$prefix"
+    quiet cmake --build "$build" -j "$jobs"
+    quiet cmake --install "$build"
+  fi
   ls "$prefix"/share/locale/*/LC_MESSAGES/zrkapi.mo >/dev/null
 
   echo "== $kind: find_package(zrkapi)"

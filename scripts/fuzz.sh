@@ -5,20 +5,24 @@
 # its seed corpus (fuzz/corpus/<target>). Exits non-zero on any finding; the
 # input that caused it is left in build-fuzz/fuzz-artifacts/<target>/.
 #
-#   scripts/fuzz.sh [SECONDS_PER_TARGET]   (default 45)
+#   scripts/fuzz.sh [SECONDS_PER_TARGET [TREE]]   (default 45, build-fuzz)
+#
+# TREE may be a clang tree configured with ZRK_SANITIZE=address and
+# ZRK_BUILD_FUZZERS=ON already (the test script's ASan tree): it is built,
+# not configured again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 seconds=${1:-45}
-dir=build-fuzz
+dir=${2:-build-fuzz}
 targets=(models api_error form_encoder url_components multipart image message_catalog api_request)
 
 werror=OFF
 [ "${CI:-}" = "true" ] && werror=ON
 
-echo "== fuzz: configure and build ($dir)"
+echo "== fuzz: build ($dir)"
 # -O1 keeps the instrumented build quick while the fuzzers still run fast.
-CC=clang CXX=clang++ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Fuzz \
+[ -f "$dir/CMakeCache.txt" ] || CC=clang CXX=clang++ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Fuzz \
   -DCMAKE_CXX_FLAGS="-O1 -gline-tables-only" -DZRK_SANITIZE=address -DZRK_BUILD_FUZZERS=ON \
   -DZRK_BUILD_TESTS=OFF -DZRK_BUILD_BENCHMARKS=OFF -DZRK_BUILD_TOOLS=OFF -DZRK_BUILD_EMULATOR=OFF \
   -DZRK_BUILD_EXAMPLES=OFF -DZRK_WARNINGS_AS_ERRORS="$werror" >/dev/null

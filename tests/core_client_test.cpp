@@ -1,185 +1,294 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
+#include <limits>
+#include <set>
 
-#include "support/LoopbackServer.h"
-#include "support/MainQueueWait.h"
-#include "support/ServiceTest.h"
+#include "core/ZRKNumberText.h"
+#include "support/MemoryServiceTest.h"
+#include "support/Recorder.h"
 #include "zrk/ZRKApi.h"
+#include "zrk/ZRKApiError.h"
 #include "zrk/ZRKApiRequest.h"
-#include "zrk/ZRKCategoryLoader.h"
 #include "zrk/ZRKDevice.h"
 
 namespace zrk {
 namespace {
 
-using test::LoopbackServer;
-using test::ScriptedResponse;
+using test::Recorder;
+using test::ZRKScriptedResponse;
+using Headers = std::map<std::string, std::string>;
+using AuthRecorder = Recorder<bool, std::optional<ZRKError>>;
 
-using test::validToken;
+double now() { return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count(); }
 
-TEST(ApiFacade, ReportsItsVersions) {
-  EXPECT_EQ(ZRKApi::sdkVersion(), "1.0.0");
-  EXPECT_EQ(ZRKApi::apiVersion(), "v1");
-  EXPECT_EQ(ZRKApiClient::apiVersion(), "v1");
-  EXPECT_EQ(ZRKApi::sharedApiClient(), ZRKApiClient::sharedClient());
-  ZRKCategoryLoader::loadCategories();
+std::shared_ptr<ZRKApiAuthToken> decode(const ZRKJson& body) {
+  return std::dynamic_pointer_cast<ZRKApiAuthToken>(ZRKApiAuthToken().decodedObjectFromAPIResponse(&body));
 }
 
-TEST(ApiClient, StartsWithDefaultsAndEmptyCredentials) {
-  const auto client = ZRKApiClient::initWithConfiguration(ZRKAppConfiguration::init());
-  EXPECT_EQ(client->userGender(), 1u);
-  EXPECT_EQ(client->userAge(), 0);
-  EXPECT_EQ(client->userLat(), 0.0f);
-  EXPECT_EQ(client->userLng(), 0.0f);
-  EXPECT_EQ(client->apiURL()->absoluteString(), ZRKDefaultBaseURL);
-  EXPECT_EQ(client->apiURL()->path(), "");
-  EXPECT_EQ(client->appKey(), "");
-  EXPECT_EQ(client->appSecret(), "");
-  EXPECT_EQ(client->configuration()->appUserId(), ZRKDevice::defaultUserId());
-  EXPECT_EQ(client->description(), "appKey () appSecret ()");
-  EXPECT_EQ(&client->urlSession()->delegateQueue(), &ZRKMainQueue::mainQueue());
-}
-
-TEST(ApiClient, HoldsItsConfigurationByReferenceButCopiesOneItIsGiven) {
-  const auto configuration = ZRKAppConfiguration::init();
-  const auto client = ZRKApiClient::initWithConfiguration(configuration);
-  configuration->setAppKey("k1");
-  configuration->setAppSecret("s1");
-  EXPECT_EQ(client->appKey(), "k1");
-  EXPECT_EQ(client->description(), "appKey (k1) appSecret (s1)");
-
-  client->setConfiguration(configuration);
-  configuration->setAppKey("k2");
-  EXPECT_EQ(client->appKey(), "k1");
-  EXPECT_NE(client->configuration(), configuration);
-}
-
-TEST(AppConfiguration, DescribesItselfAndDefaultsTheUserId) {
-  const auto configuration = ZRKAppConfiguration::init();
-  EXPECT_EQ(configuration->description(), "appID: (null)\nappSecret: (null) appUserId: " + ZRKDevice::defaultUserId());
-  configuration->setAppUserId(std::nullopt);
-  EXPECT_EQ(configuration->appUserId(), ZRKDevice::defaultUserId());
-  const std::string id = ZRKDevice::defaultUserId();
-  ASSERT_EQ(id.size(), 36u);
-  for (char c : id) EXPECT_TRUE(c == '-' || (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F')) << id;
-}
-
-// Credentials and user id reset the token cache only in the defined cases.
-class TokenResetTest : public ::testing::Test {
+class ClientTest : public test::MemoryServiceTest {
  protected:
-  void SetUp() override {
-    server.answer({.body = R"({"token":"fresh","expire":4102444800,"expireIn":60})"});
-    ZRKApiClient::setBaseUrl(server.url());
-  }
   void TearDown() override {
-    // Let any background authentication finish before the server goes.
-    test::runMainQueueUntil([] { return false; }, std::chrono::milliseconds(200));
-    ZRKApiAuthToken::clear();
+    ZRKDevice::setAppBuildVersion(std::nullopt);
+    ZRKAppConfiguration::setSharedAppUserId(std::nullopt);
+    MemoryServiceTest::TearDown();
   }
-  LoopbackServer server;
+
+  // Lets the token fetch that a new user id starts finish here.
+  void settleTokenFetch(std::size_t requests) {
+    ASSERT_TRUE(sent(requests));
+    ASSERT_TRUE(ZRKMainQueue::mainQueue().runUntil([] { return ZRKApiAuthToken::token()->isValid(); },
+                                                   std::chrono::seconds(5)));
+  }
+
+  // The value under both names; the two must agree.
+  static std::optional<std::string> pair(const Headers& headers, const std::string& suffix) {
+    const auto zrk = headers.find("ZRK-" + suffix), pelmor = headers.find("Pelmor-" + suffix);
+    EXPECT_EQ(zrk == headers.end(), pelmor == headers.end()) << suffix;
+    if (zrk == headers.end() || pelmor == headers.end()) return std::nullopt;
+    EXPECT_EQ(zrk->second, pelmor->second) << suffix;
+    return zrk->second;
+  }
 };
 
-TEST_F(TokenResetTest, TwoArgumentInitialisationAlwaysClears) {
-  ZRKApiAuthToken::setToken(validToken("kept"));
-  ZRKApi::initializeWithAppKey("key", "secret");
-  EXPECT_FALSE(ZRKApiAuthToken::token()->isValid());
-  EXPECT_EQ(ZRKApiAuthToken::token()->tokenString(), "");
-  EXPECT_EQ(ZRKApiClient::sharedClient()->appKey(), "key");
+TEST(AuthToken, ServesUpToTheLastInstantWithoutMargin) {
+  ZRKApiAuthToken token;
+  EXPECT_TRUE(token.expired());
+  token.setExpire(now() + 1);
+  EXPECT_TRUE(token.isValid());
+  token.setExpire(now() - 1);
+  EXPECT_TRUE(token.expired());
+  token.setExpire(now() + 60);
+  token.setTokenString(std::nullopt);
+  EXPECT_FALSE(token.isValid());
 }
 
-TEST_F(TokenResetTest, ThreeArgumentInitialisationClearsOnlyOnANewUserId) {
-  // Coming from the default id, this one is new and fetches a token.
-  ZRKApi::initializeWithAppKey("key", "secret", "user-1");
-  test::runMainQueueUntil([] { return ZRKApiAuthToken::token()->isValid(); }, std::chrono::seconds(2));
-  ZRKApiAuthToken::setToken(validToken("kept"));
-  ZRKApi::initializeWithAppKey("key2", "secret2", "user-1");
-  EXPECT_EQ(ZRKApiAuthToken::token()->tokenString(), "kept");
-  EXPECT_EQ(ZRKApiClient::sharedClient()->appSecret(), "secret2");
+// The cache takes token and both times, not the fields.
+TEST_F(ClientTest, DecodedTokensGoIntoTheCache) {
+  const auto token = decode({{"token", "t1"}, {"expire", "4102444800"}, {"expireIn", 59.9}, {"x", nullptr}});
+  ASSERT_TRUE(token);
+  EXPECT_EQ(token->allResponseFields(), (ZRKJson{{"token", "t1"}, {"expire", "4102444800"}, {"expireIn", 59.9}}));
+  ZRKApiAuthToken::setToken(token);
+  const auto cached = ZRKApiAuthToken::token();
+  EXPECT_EQ(std::make_tuple(cached->tokenString(), cached->expire(), cached->expireIn()),
+            std::make_tuple("t1", 4102444800.0, 59.0));
+  EXPECT_FALSE(cached->allResponseFields());
+  EXPECT_FALSE(decode({{"token", 5}, {"expire", 5}}));
+  ZRKApiAuthToken::setToken(nullptr);
+  EXPECT_FALSE(ZRKApiAuthToken::token()->tokenString());
+}
 
+TEST_F(ClientTest, OneTokenRequestThenTheCachedToken) {
+  ZRKApi::initializeWithAppKey("key", "secret");
+  AuthRecorder first, second;
+  ZRKApiAuthToken::refresh(first);
+  ASSERT_TRUE(first.once());
+  EXPECT_TRUE(first.arg<0>());
+  // With a valid token the completion comes at once, on the worker.
+  ZRKApiAuthToken::refresh(second);
+  ASSERT_TRUE(second.wait());
+  EXPECT_TRUE(second.arg<0>() && second.offMainThread());
+  const auto sent = transport->requests();
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].HTTPBody(), R"({"key":"key","secret":"secret"})");
+  EXPECT_EQ(sent[0].valueForHTTPHeaderField("Authorization"), "Bearer ");
+  EXPECT_EQ(ZRKApiAuthToken::token()->tokenString(), "t1");
+}
+
+TEST_F(ClientTest, AnExpiredOrExpirelessTokenIsFetchedAgain) {
+  cacheToken("old", now() - 1);
+  transport->respond("POST", "/app/v1/auth",
+                     {ZRKScriptedResponse::json({{"token", "t0"}}),
+                      ZRKScriptedResponse::json({{"token", "t2"}, {"expire", 4102444800}})});
+  for (AuthRecorder refreshed : {AuthRecorder(), AuthRecorder()}) {
+    ZRKApiAuthToken::refresh(refreshed);
+    ASSERT_TRUE(refreshed.once());
+  }
+  const auto sent = transport->requests();
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[0].valueForHTTPHeaderField("Authorization"), "Bearer b2xk");
+  EXPECT_EQ(sent[1].valueForHTTPHeaderField("Authorization"), "Bearer dDA=");
+  EXPECT_EQ(ZRKApiAuthToken::token()->tokenString(), "t2");
+}
+
+// Refreshes made while the cache is invalid are not merged, and every
+// answer replaces the cache when it arrives, valid or not.
+TEST_F(ClientTest, EveryRefreshAuthenticatesAndTheLastAnswerWins) {
+  std::vector<ZRKScriptedResponse> answers;
+  for (const char* token : {"a", "b", "c"}) {
+    answers.push_back(ZRKScriptedResponse::json({{"token", token}, {"expire", 4102444800}}));
+  }
+  transport->respond("POST", "/app/v1/auth", answers);
+  const auto seen = std::make_shared<std::vector<std::string>>();  // shared: a late call must land somewhere
+  for (std::size_t i = 1; i <= 3; ++i) {
+    ZRKApiAuthToken::refresh([seen](bool, auto) { seen->push_back(*ZRKApiAuthToken::token()->tokenString()); });
+    // The main queue does not run meanwhile, so no answer is stored yet.
+    ASSERT_TRUE(transport->waitForRequests(i));
+  }
+  ASSERT_TRUE(ZRKMainQueue::mainQueue().runUntil([&] { return seen->size() == 3; }, std::chrono::seconds(5)));
+  EXPECT_EQ(std::set<std::string>(seen->begin(), seen->end()), (std::set<std::string>{"a", "b", "c"}));
+  EXPECT_EQ(ZRKApiAuthToken::token()->tokenString(), seen->back());
+}
+
+TEST_F(ClientTest, AFailedTokenStepLeavesTheCacheAndIsNotRetried) {
+  const std::pair<ZRKScriptedResponse, long> failures[] = {
+      {ZRKScriptedResponse::json({{"code", 401}, {"message", "bad key"}}, 401), 401},
+      {ZRKScriptedResponse::json({{"expire", 4102444800}}), ZRKErrorCodeFailedToParseResponse}};
+  for (const auto& [answer, code] : failures) {
+    transport->reset();
+    transport->respond("POST", "/app/v1/auth", answer);
+    AuthRecorder refreshed;
+    ZRKApiAuthToken::refresh(refreshed);
+    ASSERT_TRUE(refreshed.once()) << code;
+    EXPECT_FALSE(refreshed.arg<0>()) << code;
+    EXPECT_EQ(refreshed.arg<1>().value_or(ZRKError()).code, code);
+    EXPECT_EQ(transport->requests().size(), 1u);
+    EXPECT_EQ(ZRKApiAuthToken::token()->tokenString(), "");
+  }
+}
+
+TEST(UserSession, AnEmptyTokenIsNoSessionButAnUnsetOneIs) {
+  ZRKUserSession session;
+  EXPECT_FALSE(session.valid());
+  session.setUserToken(std::nullopt);
+  EXPECT_TRUE(session.valid());
+}
+
+TEST_F(ClientTest, InitialisationResetsTheTokenOnlyWhereDefined) {
+  cacheToken("kept");
+  ZRKApi::initializeWithAppKey("key", "secret");
+  EXPECT_EQ(ZRKApiAuthToken::token()->tokenString(), "");
+  const std::string id = *ZRKAppConfiguration::sharedConfiguration()->appUserId();
+  cacheToken("kept");
+  ZRKApi::initializeWithAppKey("key2", "secret2", id);
   ZRKApi::initializeWithAppKey("key2", "secret2", std::nullopt);
   EXPECT_EQ(ZRKAppConfiguration::sharedConfiguration()->appUserId(), ZRKDevice::defaultUserId());
   EXPECT_EQ(ZRKApiAuthToken::token()->tokenString(), "kept");
 
-  // A new id clears the cache and fetches a new token in the background.
-  const std::size_t before = server.count();
-  ZRKApi::initializeWithAppKey("key2", "secret2", "user-2");
-  ASSERT_TRUE(server.waitForRequests(before + 1));
-  const auto auth = server.requests().at(before);
-  EXPECT_EQ(auth.method, "POST");
-  EXPECT_EQ(auth.target, "/app/v1/auth");
-  EXPECT_EQ(auth.body, R"({"key":"key2","secret":"secret2"})");
-  ASSERT_TRUE(test::runMainQueueUntil([] { return ZRKApiAuthToken::token()->isValid(); }));
-  EXPECT_EQ(ZRKApiAuthToken::token()->tokenString(), "fresh");
+  // A new id drops the token at once and fetches another.
+  ZRKApi::initializeWithAppKey("key2", "secret2", id + "-new");
+  EXPECT_EQ(ZRKApiAuthToken::token()->tokenString(), "");
+  ASSERT_NO_FATAL_FAILURE(settleTokenFetch(1));
+  EXPECT_EQ(transport->requests()[0].HTTPBody(), R"({"key":"key2","secret":"secret2"})");
 }
 
-TEST_F(TokenResetTest, CopyingAConfigurationRunsTheUserIdSetter) {
-  ZRKApiAuthToken::setToken(validToken("kept"));
+// Another client keeps its own credentials and attributes, but the user id
+// and the token step are the shared ones.
+TEST_F(ClientTest, AnotherClientHasItsOwnConfigurationButSendsTheSharedUserId) {
   const auto configuration = ZRKAppConfiguration::init();
-  configuration->setAppUserId("someone");  // a fresh configuration: clears
-  ASSERT_TRUE(server.waitForRequests(1));
-  test::runMainQueueUntil([] { return ZRKApiAuthToken::token()->isValid(); });
-  ZRKApiAuthToken::setToken(validToken("kept"));
-  const auto client = ZRKApiClient::initWithConfiguration(ZRKAppConfiguration::init());
-  client->setConfiguration(configuration);
-  EXPECT_EQ(client->configuration()->appUserId(), "someone");
-  EXPECT_NE(ZRKApiAuthToken::token()->tokenString(), "kept");
-}
+  const auto other = ZRKApiClient::initWithConfiguration(configuration);
+  configuration->setAppKey("k");
+  configuration->setAppSecret("s");
+  EXPECT_EQ(other->description(), "appKey (k) appSecret (s)");
+  cacheToken("kept");
+  configuration->setAppUserId("someone-else");
+  EXPECT_EQ(ZRKApiAuthToken::token()->tokenString(), "");
+  ASSERT_NO_FATAL_FAILURE(settleTokenFetch(1));
 
-TEST(ApiClientSetters, WriteTheSharedClient) {
-  ZRKApiClient::setUserAge(30);
-  ZRKApiClient::setUserGender(ZRKUserGenderFemale);
+  // The client keeps a copy, made through the setters: the new id again
+  // drops the token.
+  other->setConfiguration(configuration);
+  configuration->setAppSecret("changed");
+  EXPECT_EQ(other->description(), "appKey (k) appSecret (s)");
+  EXPECT_EQ(ZRKApiAuthToken::token()->tokenString(), "");
+  ASSERT_NO_FATAL_FAILURE(settleTokenFetch(2));
+
+  other->setUserAgeValue(41);
+  const Headers headers = other->defaultHeaders();
+  EXPECT_EQ(pair(headers, "User-Id"), ZRKAppConfiguration::sharedConfiguration()->appUserId());
+  EXPECT_EQ(pair(headers, "User-Age"), "41");
+  // The class setters write the shared client.
   ZRKApiClient::setUserLocationLatitude(-33.9f, 18.4f);
-  const auto client = ZRKApiClient::sharedClient();
-  EXPECT_EQ(client->userAge(), 30);
-  EXPECT_EQ(client->userGender(), 2u);
-  EXPECT_EQ(client->userLat(), -33.9f);
-  EXPECT_EQ(client->userLng(), 18.4f);
+  EXPECT_EQ(pair(client->defaultHeaders(), "User-Lat"), "-33.900002");
+  ZRKApiClient::setUserLocationLatitude(0, 0);
   ZRKApiClient::setBaseUrl("no url at all");
   EXPECT_FALSE(client->apiURL());
-  ZRKApiClient::setBaseUrl(ZRKDefaultBaseURL);
-  ZRKApiClient::setUserAge(0);
-  ZRKApiClient::setUserGender(1);
-  ZRKApiClient::setUserLocationLatitude(0, 0);
 }
 
-TEST(ApiClient, RedirectsCarryTheFirstRequestsHeadersToAnyHost) {
-  LoopbackServer first;
-  LoopbackServer second("127.0.0.2");
-  LoopbackServer third("127.0.0.3");
-  first.answer({.status = 307, .headers = {{"Location", second.url() + "/hop"}}});
-  second.answer({.status = 302, .headers = {{"Location", third.url() + "/end"}}});
-  third.answer({.body = R"({"token":"t"})"});
-  ZRKApiAuthToken::setToken(validToken("abc"));
-  const auto client = ZRKApiClient::initWithConfiguration(ZRKAppConfiguration::init());
-  client->setApiURL(ZRKURL::URLWithString(first.url()));
-  bool done = false;
-  ZRKApiRequest::postWithAPIClient(client, "app/v1/auth", {{"k", "v"}}, std::make_shared<ZRKApiAuthToken>(),
-                                   [&](auto object, auto, auto error) {
-                                     EXPECT_TRUE(object);
-                                     EXPECT_FALSE(error);
-                                     done = true;
-                                   });
-  ASSERT_TRUE(test::runMainQueueUntil([&] { return done; }));
-  ZRKApiAuthToken::clear();
-  const auto original = first.requests().at(0);
-  int copied = 0;
-  for (const LoopbackServer* server : {&second, &third}) {
-    ASSERT_EQ(server->count(), 1u);
-    const auto hop = server->requests().front();
-    EXPECT_EQ(hop.header("Authorization"), "Bearer YWJj");
-    for (const auto& [name, value] : original.headers) {
-      if (!name.starts_with("ZRK-") && !name.starts_with("Pelmor-")) continue;
-      EXPECT_EQ(hop.header(name), value) << name;
-      ++copied;
-    }
-    // The 302 turned the POST into a GET without a body, yet the first
-    // request's Content-Type was copied back on.
-    EXPECT_EQ(hop.header("Content-Type"), "application/json");
+TEST_F(ClientTest, DefaultHeadersFollowTheirGatesAndFormats) {
+  const auto fresh = ZRKApiClient::initWithConfiguration(ZRKAppConfiguration::init());
+  Headers headers = fresh->defaultHeaders();
+  EXPECT_EQ(headers.at("Authorization"), "Bearer ");
+  EXPECT_EQ(pair(headers, "User-Gender"), "other");
+  EXPECT_EQ(pair(headers, "User-Version"), detail::formatFixed(detail::leadingFloat(ZRKDevice::systemVersion())));
+  EXPECT_EQ(pair(headers, "User-Model"), fresh->deviceModel());
+  EXPECT_EQ(headers.size(), 11u);  // no token, age, location or build version
+
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  struct Gate {
+    std::function<void()> set;
+    const char* suffix;
+    std::optional<std::string> value;
+  };
+  const Gate gates[] = {
+      {[&] { fresh->setUserGenderValue(4); }, "User-Gender", "other"},
+      {[&] { fresh->setUserGenderValue(ZRKUserGenderFemale); }, "User-Gender", "female"},
+      {[&] { fresh->setUserGenderValue(ZRKUserGenderMale); }, "User-Gender", "male"},
+      {[&] { fresh->setUserAgeValue(-5); }, "User-Age", std::nullopt},
+      {[&] { fresh->setUserAgeValue(30); }, "User-Age", "30"},
+      {[&] { fresh->setUserAgeValue((ZRKInteger{1} << 32) + 7); }, "User-Age", "7"},
+      {[&] { fresh->setUserLat(48), fresh->setUserLng(-2); }, "User-Lat", std::nullopt},
+      {[&] { fresh->setUserLng(0); }, "User-Lng", std::nullopt},
+      {[&] { fresh->setUserLng(nan); }, "User-Lng", std::nullopt},
+      {[&] { fresh->setUserLat(-33.9f), fresh->setUserLng(18.4f); }, "User-Lat", "-33.900002"},
+      {[] { ZRKUserSession::setCurrentUserToken(std::nullopt); }, "User-Token", std::nullopt},
+      {[] { ZRKUserSession::setCurrentUserToken("ut"); }, "User-Token", "ut"},
+      {[] { ZRKDevice::setAppBuildVersion("41b"); }, "App-Version", "41b"},
+  };
+  for (std::size_t i = 0; i < std::size(gates); ++i) {
+    gates[i].set();
+    EXPECT_EQ(pair(fresh->defaultHeaders(), gates[i].suffix), gates[i].value) << i;
   }
-  EXPECT_GE(copied, 2 * 10);
-  EXPECT_EQ(second.requests().front().method, "POST");
-  EXPECT_EQ(third.requests().front().method, "GET");
+  cacheToken("abcdef");
+  headers = fresh->defaultHeaders();
+  EXPECT_EQ(headers.at("Authorization"), "Bearer YWJjZGVm");
+  EXPECT_EQ(headers.size(), 21u);
+}
+
+// The system version is read as far as it is a number.
+TEST(NumberText, ReadsTheLeadingNumber) {
+  const std::pair<std::string, float> read[] = {{"10.3.1", 10.3f}, {" -1.5e2x", -150.0f}, {"+.5", 0.5f}, {"0x1A", 0}};
+  for (const auto& [text, value] : read) EXPECT_EQ(detail::leadingFloat(text), value) << text;
+}
+
+// Redirects are followed with every header of the task's first request,
+// to any host and over every hop.
+TEST_F(ClientTest, RedirectsCarryTheFirstRequestsHeaders) {
+  cacheToken("abc");
+  ZRKUserSession::setCurrentUserToken("ut");
+  transport->respond("POST", "/app/v1/user", ZRKScriptedResponse::redirect(307, "https://second.test/hop"));
+  transport->respond("POST", "/hop", ZRKScriptedResponse::redirect(302, "https://third.test/end"));
+  transport->respond("GET", "/end", ZRKScriptedResponse::json({{"token", "t"}}));
+  Recorder<std::shared_ptr<ZRKApiResponseDecodable>, std::shared_ptr<const ZRKHTTPURLResponse>, std::optional<ZRKError>>
+      done;
+  ZRKApiRequest::postWithAPIClient(client, "app/v1/user", {{"k", "v"}}, std::make_shared<ZRKApiAuthToken>(), done);
+  ASSERT_TRUE(done.once());
+  const auto sent = transport->requests();
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_EQ(line(sent[1]), "POST /hop");
+  EXPECT_EQ(line(sent[2]), "GET /end");
+  EXPECT_GE(sent[0].allHTTPHeaderFields().size(), 15u);  // Content-Type and the bearer included
+  for (const std::size_t hop : {1, 2}) {
+    for (const auto& [name, value] : sent[0].allHTTPHeaderFields().fields()) {
+      EXPECT_EQ(sent[hop].valueForHTTPHeaderField(name), value) << hop << " " << name;
+    }
+  }
+}
+
+TEST_F(ClientTest, TheRedirectHookOverwritesWhatTheProposalCarries) {
+  const ZRKURLRequest original = client->configuredRequestForURL(ZRKURL::URLWithString("https://api.zrk.test/a"));
+  const auto task = client->urlSession()->dataTaskWithRequest(original, nullptr);
+  ZRKURLRequest proposal(ZRKURL::URLWithString("https://elsewhere.test/b"));
+  proposal.setValue("other", "ZRK-User-Type");
+  proposal.setValue("own", "X-Hop");
+  std::optional<ZRKURLRequest> chosen;
+  client->willPerformHTTPRedirection(*client->urlSession(), *task,
+                                     ZRKHTTPURLResponse(original.URL(), 307, "HTTP/1.1", {}), proposal,
+                                     [&](std::optional<ZRKURLRequest> request) { chosen = std::move(request); });
+  ASSERT_TRUE(chosen);
+  EXPECT_EQ(chosen->valueForHTTPHeaderField("ZRK-User-Type"), "ios");
+  EXPECT_EQ(chosen->valueForHTTPHeaderField("X-Hop"), "own");
 }
 
 }  // namespace

@@ -1,289 +1,261 @@
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <thread>
 
-#include "support/LoopbackServer.h"
-#include "support/RawRecorder.h"
-#include "support/MainQueueWait.h"
-#include "zrk/ZRKApiClient.h"
+#include "support/MemoryServiceTest.h"
+#include "support/Recorder.h"
 #include "zrk/ZRKApiError.h"
 #include "zrk/ZRKApiRequest.h"
+#include "zrk/ZRKFormEncoder.h"
+#include "zrk/ZRKMultipartFormData.h"
+#include "zrk/ZRKRequestBodies.h"
 
 namespace zrk {
 namespace {
 
-using test::LoopbackServer;
-using test::RecordedRequest;
-using test::ScriptedResponse;
+using test::ZRKScriptedResponse;
+using RequestRecorder = test::Recorder<std::shared_ptr<ZRKApiResponseDecodable>,
+                                       std::shared_ptr<const ZRKHTTPURLResponse>, std::optional<ZRKError>>;
 
-// A model that accepts bodies with a string "value".
-class ValueModel : public ZRKApiResponseDecodable {
+// Accepts bodies with a string "value"; picked from a list by its name.
+class ValueModel : public ZRKApiResponseDecodable, public ZRKObjectNaming {
  public:
+  explicit ValueModel(std::string name = "") : name(std::move(name)) {}
   std::shared_ptr<ZRKApiResponseDecodable> decodedObjectFromAPIResponse(const ZRKJson* response) const override {
     ++decodeCalls;
-    sawNoJson = response == nullptr;
     if (!response || !response->contains("value") || !(*response)["value"].is_string()) return nullptr;
-    auto model = makeEmpty();
-    model->value = (*response)["value"].get<std::string>();
-    return model;
+    return std::make_shared<ValueModel>(name);
   }
   std::optional<ZRKJson> allResponseFields() const override { return std::nullopt; }
-  virtual std::shared_ptr<ValueModel> makeEmpty() const { return std::make_shared<ValueModel>(); }
-
-  std::string value;
-  mutable int decodeCalls = 0;
-  mutable bool sawNoJson = false;
-};
-
-// One that can be picked from a list by the body's "object".
-class NamedModel : public ValueModel, public ZRKObjectNaming {
- public:
-  explicit NamedModel(std::string name) : name(std::move(name)) {}
   std::string zrkObject() const override { return name; }
-  std::shared_ptr<ValueModel> makeEmpty() const override { return std::make_shared<NamedModel>(name); }
   std::string name;
+  mutable int decodeCalls = 0;
 };
 
-struct Result {
-  int calls = 0;
-  bool onMainThread = false;
-  std::shared_ptr<ZRKApiResponseDecodable> object;
-  std::shared_ptr<const ZRKHTTPURLResponse> response;
-  std::optional<ZRKError> error;
-};
+std::string nameOf(const RequestRecorder& recorder) {
+  const auto model = std::dynamic_pointer_cast<ValueModel>(recorder.arg<0>());
+  return model ? model->name : "<none>";
+}
+long codeOf(const RequestRecorder& recorder) { return recorder.arg<2>().value_or(ZRKError()).code; }
 
-class ApiRequestTest : public ::testing::Test {
- protected:
-  void SetUp() override { client->setApiURL(ZRKURL::URLWithString(server.url())); }
+using RequestTest = test::MemoryServiceTest;
 
-  ZRKApiRequestCompletion recorder(const std::shared_ptr<Result>& result) {
-    return [result](auto object, auto response, auto error) {
-      ++result->calls;
-      result->onMainThread = ZRKMainQueue::isMainThread();
-      result->object = std::move(object);
-      result->response = std::move(response);
-      result->error = std::move(error);
-    };
-  }
-
-  std::shared_ptr<Result> wait(const std::shared_ptr<Result>& result) {
-    EXPECT_TRUE(test::runMainQueueUntil([&] { return result->calls > 0; }));
-    ZRKMainQueue::mainQueue().runFor(std::chrono::milliseconds(20));
-    EXPECT_EQ(result->calls, 1);
-    EXPECT_TRUE(result->onMainThread);
-    if (result->calls) {
-      EXPECT_NE(result->object == nullptr, !result->error.has_value());
-    }
-    return result;
-  }
-
-  std::shared_ptr<Result> get(const ZRKJson& parameters, ZRKDeserializer model = std::make_shared<ValueModel>()) {
-    auto result = std::make_shared<Result>();
-    ZRKApiRequest::getWithAPIClient(client, "app/v1/collection", parameters, std::move(model), recorder(result));
-    return wait(result);
-  }
-
-  LoopbackServer server;
-  std::shared_ptr<ZRKApiClient> client = ZRKApiClient::initWithConfiguration(ZRKAppConfiguration::init());
-};
-
-// GET puts parameters in the query only when there are any, DELETE always
-// ends its query text, POST and PATCH send a JSON body only with a key.
-TEST_F(ApiRequestTest, EachVerbPlacesItsParameters) {
-  using Send = ZRKApiRequest::Task (*)(const std::shared_ptr<ZRKApiClient>&, std::string_view, const ZRKJson&,
-                                       ZRKDeserializer, ZRKApiRequestCompletion);
-  const Send get = &ZRKApiRequest::getWithAPIClient, del = &ZRKApiRequest::deleteWithAPIClient,
-             post = &ZRKApiRequest::postWithAPIClient, patch = &ZRKApiRequest::patchWithAPIClient;
-  const ZRKJson keys = {{"key", "k"}, {"secret", "s/1"}}, none = nullptr, empty = ZRKJson::object();
-  const ZRKJson getKeys = {{"count", 20}, {"offset", 0}}, deleteKeys = {{"email", "a@b.c"}};
-  const std::string body = R"({"key":"k","secret":"s/1"})";
-  struct Case {
-    Send send;
-    const char* method;
-    const char* path;
-    const ZRKJson& parameters;
-    std::string target, body;
-  };
-  const Case cases[] = {
-      {get, "GET", "app/v1/collection", empty, "/app/v1/collection", ""},
-      {get, "GET", "app/v1/collection", none, "/app/v1/collection", ""},
-      {get, "GET", "app/v1/collection", getKeys, "/app/v1/collection?count=20&offset=0", ""},
-      {del, "DELETE", "app/v1/user/auth", none, "/app/v1/user/auth?", ""},
-      {del, "DELETE", "app/v1/user/auth", empty, "/app/v1/user/auth?", ""},
-      {del, "DELETE", "app/v1/user/auth", deleteKeys, "/app/v1/user/auth?email=a%40b.c", ""},
-      {post, "POST", "app/v1/user", none, "/app/v1/user", ""},
-      {post, "POST", "app/v1/user", empty, "/app/v1/user", ""},
-      {post, "POST", "app/v1/user", keys, "/app/v1/user", body},
-      {patch, "PATCH", "app/v1/user", none, "/app/v1/user", ""},
-      {patch, "PATCH", "app/v1/user", empty, "/app/v1/user", ""},
-      {patch, "PATCH", "app/v1/user", keys, "/app/v1/user", body}};
-  for (const Case& c : cases) {
-    auto result = std::make_shared<Result>();
-    c.send(client, c.path, c.parameters, std::make_shared<ValueModel>(), recorder(result));
-    wait(result);
-  }
-  const auto got = server.requests();
-  ASSERT_EQ(got.size(), std::size(cases));
-  for (std::size_t i = 0; i < got.size(); ++i) {
-    EXPECT_EQ(got[i].method, cases[i].method) << i;
-    EXPECT_EQ(got[i].target, cases[i].target) << i;
-    EXPECT_EQ(got[i].body, cases[i].body) << i;
-    EXPECT_EQ(got[i].has("Content-Type"), !cases[i].body.empty()) << i;
-    if (cases[i].body.empty()) continue;
-    EXPECT_EQ(got[i].header("Content-Type"), "application/json") << i;
-    EXPECT_EQ(got[i].header("Content-Length"), std::to_string(got[i].body.size())) << i;
-  }
-  EXPECT_TRUE(got[2].header("Authorization").starts_with("Bearer"));
+// The endpoints never send these: a DELETE without parameters, which ends
+// in a bare "?", and a POST of an empty object, which has no body.
+TEST_F(RequestTest, AnEmptyDeleteEndsInAQuestionMarkAnEmptyPostHasNoBody) {
+  RequestRecorder deleted, posted;
+  ZRKApiRequest::deleteWithAPIClient(client, "app/v1/x", ZRKJson::object(), std::make_shared<ValueModel>(), deleted);
+  ASSERT_TRUE(deleted.once());
+  ZRKApiRequest::postWithAPIClient(client, "app/v1/x", ZRKJson::object(), std::make_shared<ValueModel>(), posted);
+  ASSERT_TRUE(posted.once());
+  const auto sent = transport->requests();
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(line(sent[0]), "DELETE /app/v1/x?");
+  EXPECT_EQ(line(sent[1]), "POST /app/v1/x");
+  EXPECT_FALSE(sent[1].HTTPBody());
 }
 
-TEST_F(ApiRequestTest, TheModelDecidesNotTheStatus) {
-  server.answer({.status = 500, .body = R"({"value":"fine"})"});
-  auto result = get(nullptr);
-  ASSERT_TRUE(result->object);
-  EXPECT_EQ(std::dynamic_pointer_cast<ValueModel>(result->object)->value, "fine");
-  EXPECT_EQ(result->response->statusCode(), 500);
-
-  server.answer({.status = 200, .body = R"({"code":404,"message":"x","detail":{"field":"email"}})"});
-  result = get(nullptr);
-  ASSERT_TRUE(result->error);
-  EXPECT_EQ(result->error->domain, ZRKDomain);
-  EXPECT_EQ(result->error->code, 404);
-  EXPECT_EQ(result->error->localizedDescription(), "x");
-  EXPECT_EQ(result->error->userInfo[ZRKErrorMessageKey], "x");
-  EXPECT_EQ(result->error->userInfo[ZRKErrorCodeKey], "404");
-  EXPECT_EQ(result->error->userInfo[ZRKErrorDetailKey], (ZRKJson{{"field", "email"}}));
-  EXPECT_EQ(result->response->statusCode(), 200);
+RequestRecorder parse(const std::string& body, const ZRKApiRequest::Deserializers& list, long status = 200,
+                      std::optional<ZRKError> transportError = std::nullopt) {
+  RequestRecorder done;
+  const auto response = std::make_shared<ZRKHTTPURLResponse>(std::nullopt, status, "HTTP/1.1", ZRKHTTPHeaderFields());
+  ZRKApiRequest::parseResponse(response, body, std::move(transportError), list, done);
+  EXPECT_EQ(done.calls(), 1u);  // at once, on the main thread
+  EXPECT_EQ(done.arg<0>() == nullptr, done.arg<2>().has_value());
+  EXPECT_EQ(done.arg<1>(), response);
+  return done;
 }
 
-TEST_F(ApiRequestTest, UndecodableBodiesGiveTheGenericError) {
-  const ScriptedResponse cases[] = {
-      {.status = 204, .body = ""},
-      {.body = "not json"},
-      {.body = R"("fragment")"},
-      {.body = R"([{"value":"in an array"}])"},
-      {.body = R"({"code":-1})"},
-      {.body = std::string(300, '[') + std::string(300, ']')},
-  };
-  for (const auto& c : cases) {
-    server.answer(c);
-    auto model = std::make_shared<ValueModel>();
-    const auto result = get(nullptr, model);
-    ASSERT_TRUE(result->error) << c.body;
-    EXPECT_EQ(result->error->domain, ZRKDomain);
-    EXPECT_EQ(result->error->code, ZRKErrorCodeFailedToParseResponse) << c.body;
-    EXPECT_EQ(model->decodeCalls, 1);
-    if (c.body != R"({"code":-1})") {
-      EXPECT_TRUE(model->sawNoJson) << c.body;
-    }
+// The model decides, never the status.
+TEST(ParseResponse, TheModelDecidesNotTheStatus) {
+  const auto model = std::make_shared<ValueModel>("v");
+  EXPECT_EQ(nameOf(parse(R"({"value":"fine"})", {model}, 500)), "v");
+  EXPECT_EQ(parse(R"({"code":404,"message":"x","detail":{"field":"email"}})", {model}).arg<2>(),
+            ZRKError("cloud.zrk.api", 404,
+                     {{ZRKErrorCodeKey, "404"}, {ZRKLocalizedDescriptionKey, "x"}, {ZRKErrorMessageKey, "x"},
+                      {ZRKErrorDetailKey, {{"field", "email"}}}}));
+  for (const char* body : {"", "not json", R"("fragment")", R"([{"value":"v"}])", R"({"code":-1,"value":5})"}) {
+    EXPECT_EQ(codeOf(parse(body, {model}, 204)), ZRKErrorCodeFailedToParseResponse) << body;
   }
-}
-
-TEST_F(ApiRequestTest, TransportErrorsPassUnchanged) {
-  client->setApiURL(ZRKURL::URLWithString("http://127.0.0.1:1"));
-  auto result = get(nullptr);
-  ASSERT_TRUE(result->error);
-  EXPECT_EQ(result->error->domain, ZRKURLErrorDomain);
-  EXPECT_EQ(result->error->code, ZRKURLErrorCannotConnect);
-
-  client->setApiURL(std::nullopt);
-  result = get(nullptr);
-  EXPECT_EQ(result->error->code, ZRKURLErrorBadURL);
-}
-
-TEST_F(ApiRequestTest, ReturnedTaskCancelsTheCall) {
-  server.answer({.body = R"({"value":"late"})", .stall = std::chrono::seconds(5)});
-  auto result = std::make_shared<Result>();
-  auto task = ZRKApiRequest::getWithAPIClient(client, "app/v1/history", nullptr, std::make_shared<ValueModel>(),
-                                              recorder(result));
-  ASSERT_TRUE(server.waitForRequests(1));
-  task->cancel();
-  wait(result);
-  server.release();
-  ASSERT_TRUE(result->error);
-  EXPECT_EQ(result->error->domain, ZRKURLErrorDomain);
-  EXPECT_EQ(result->error->code, ZRKURLErrorCancelled);
-}
-
-TEST_F(ApiRequestTest, CallsFromAnyThreadCompleteOnTheMainThread) {
-  server.answer({.body = R"({"value":"v"})"});
-  auto result = std::make_shared<Result>();
-  std::thread([&] {
-    ZRKApiRequest::postWithAPIClient(client, "app/v1/user", {{"a", 1}}, std::make_shared<ValueModel>(), recorder(result));
-  }).join();
-  wait(result);
-  EXPECT_TRUE(result->object);
+  const ZRKError timedOut(ZRKURLErrorDomain, ZRKURLErrorTimedOut);
+  EXPECT_EQ(parse(R"({"value":"v"})", {model}, 200, timedOut).arg<2>(), timedOut);
 }
 
 TEST(ParseResponse, PicksTheDeserializerByObjectWhenThereAreSeveral) {
-  const auto parse = [](const std::string& body, const ZRKApiRequest::Deserializers& list) {
-    std::shared_ptr<ZRKApiResponseDecodable> object;
-    std::optional<ZRKError> error;
-    ZRKApiRequest::parseResponse(nullptr, body, std::nullopt, list, [&](auto o, auto, auto e) {
-      object = std::move(o);
-      error = std::move(e);
-    });
-    return std::make_pair(object, error);
-  };
-  const auto first = std::make_shared<NamedModel>("scan");
-  const auto second = std::make_shared<NamedModel>("scan");
-  const auto other = std::make_shared<NamedModel>("user");
-  const auto plain = std::make_shared<ValueModel>();
-
-  // Ran synchronously: parsing here is on the main thread.
-  auto [object, error] = parse(R"({"object":"scan","value":"v"})", {first, plain, second, other});
-  EXPECT_EQ(std::dynamic_pointer_cast<NamedModel>(object)->name, "scan");
+  const auto first = std::make_shared<ValueModel>("scan"), second = std::make_shared<ValueModel>("scan");
+  const auto user = std::make_shared<ValueModel>("user");
+  EXPECT_EQ(nameOf(parse(R"({"object":"scan","value":"v"})", {first, user, second})), "scan");
   EXPECT_EQ(first->decodeCalls, 0);
   EXPECT_EQ(second->decodeCalls, 1);
-
-  std::tie(object, error) = parse(R"({"value":"v"})", {first, other});
-  EXPECT_FALSE(object);
-  EXPECT_EQ(error->code, ZRKErrorCodeFailedToParseResponse);
-
-  std::tie(object, error) = parse(R"({"object":"none","value":"v","code":"17"})", {first, other});
-  EXPECT_EQ(error->code, 17);
-  EXPECT_EQ(error->userInfo[ZRKErrorCodeKey], "17");
-
-  // One deserializer ignores "object" entirely.
-  std::tie(object, error) = parse(R"({"object":"user","value":"v"})", {first});
-  EXPECT_TRUE(object);
-
-  std::tie(object, error) = parse(R"({"value":"v"})", {});
-  EXPECT_EQ(error->code, ZRKErrorCodeFailedToParseResponse);
-  std::tie(object, error) = parse(R"({"value":"v"})", {nullptr});
-  EXPECT_EQ(error->code, ZRKErrorCodeFailedToParseResponse);
-
-  const ZRKError transport(ZRKURLErrorDomain, ZRKURLErrorTimedOut);
-  ZRKApiRequest::parseResponse(nullptr, R"({"value":"v"})", transport, {first}, [&](auto o, auto, auto e) {
-    EXPECT_FALSE(o);
-    EXPECT_EQ(e, transport);
-  });
+  EXPECT_EQ(nameOf(parse(R"({"object":"user","value":"v"})", {first})), "scan");  // one ignores "object"
+  EXPECT_EQ(codeOf(parse(R"({"value":"v"})", {first, user})), ZRKErrorCodeFailedToParseResponse);
+  EXPECT_EQ(codeOf(parse(R"({"object":"none","value":"v","code":"17"})", {first, user})), 17);
+  EXPECT_EQ(codeOf(parse(R"({"value":"v"})", {})), ZRKErrorCodeFailedToParseResponse);
+  EXPECT_EQ(codeOf(parse(R"({"value":"v"})", {nullptr})), ZRKErrorCodeFailedToParseResponse);
+  // Bodies nested deeper than 256 levels are no JSON.
+  const auto nested = [](int levels) {
+    return R"({"value":"v","n":)" + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
+  };
+  EXPECT_EQ(nameOf(parse(nested(256), {user})), "user");
+  EXPECT_EQ(codeOf(parse(nested(257), {user})), ZRKErrorCodeFailedToParseResponse);
 }
 
-}  // namespace
-}  // namespace zrk
+TEST(ParseResponse, CalledOnAWorkerItCompletesOnTheMainThread) {
+  RequestRecorder done;
+  std::thread([&] {
+    ZRKApiRequest::parseResponse(nullptr, R"({"value":"v"})", std::nullopt, {std::make_shared<ValueModel>("w")}, done);
+  }).join();
+  ASSERT_TRUE(done.once());
+  EXPECT_EQ(nameOf(done), "w");
+}
 
-namespace zrk {
-namespace {
+TEST(ApiErrors, BodiesWithAUsableCodeBecomeErrors) {
+  const auto fromBody = [](const ZRKJson& body) { return zrk_errorFromAPIResponse(&body); };
+  EXPECT_FALSE(zrk_errorFromAPIResponse(nullptr));
+  for (const ZRKJson& body : {ZRKJson::array({1}), ZRKJson{{"message", "m"}}, ZRKJson{{"code", -1}},
+                              ZRKJson{{"code", "-1"}}, ZRKJson{{"code", nullptr}}, ZRKJson{{"code", {404}}}}) {
+    EXPECT_FALSE(fromBody(body)) << body;
+  }
+  const std::pair<ZRKJson, long> codes[] = {{{{"code", "17"}}, 17}, {{{"code", -2}}, -2}, {{{"code", "abc"}}, 0},
+                                            {{{"code", 10001.9}}, 10001}};
+  for (const auto& [body, code] : codes) {
+    const auto error = fromBody(body);
+    ASSERT_TRUE(error) << body;
+    EXPECT_EQ(error->code, code);
+    EXPECT_EQ(error->userInfo[ZRKErrorCodeKey], std::to_string(code));
+  }
+  // Without a message the user sees the generic text, the developer a fixed one.
+  EXPECT_EQ(fromBody({{"code", 401}, {"message", 7}, {"detail", {1, 2}}})->userInfo,
+            (ZRKJson{{ZRKErrorCodeKey, "401"},
+                     {ZRKLocalizedDescriptionKey, zrk_unexpectedErrorMessage()},
+                     {ZRKErrorMessageKey, "Could not interpret the error response that was returned from ZRK Api."}}));
+  EXPECT_EQ(zrk_genericFailedToParseResponseError(),
+            ZRKError(ZRKDomain, 32,
+                     {{ZRKLocalizedDescriptionKey, zrk_unexpectedErrorMessage()},
+                      {ZRKErrorMessageKey, "The response from ZRK API failed to get parsed into valid JSON."}}));
+}
 
-// The exact bytes of a request: header lines as written, the empty bearer
-// with its trailing space, no "Expect", the JSON body.
-TEST(ApiRequestWire, SendsTheExactBytes) {
-  test::RawRecorder recorder;
-  ZRKApiAuthToken::clear();
-  const auto client = ZRKApiClient::initWithConfiguration(ZRKAppConfiguration::init());
-  client->setApiURL(ZRKURL::URLWithString(recorder.url()));
-  bool done = false;
-  ZRKApiRequest::postWithAPIClient(client, "app/v1/auth", {{"key", "k"}, {"secret", "s"}},
-                                   std::make_shared<ZRKApiAuthToken>(), [&](auto, auto, auto) { done = true; });
-  ASSERT_TRUE(test::runMainQueueUntil([&] { return done; }));
-  const auto raw = recorder.requests().at(0);
-  const std::string head = raw.substr(0, raw.find("\r\n\r\n") + 2);
-  EXPECT_TRUE(head.starts_with("POST /app/v1/auth HTTP/1.1\r\n")) << head;
-  EXPECT_NE(head.find("\r\nAuthorization: Bearer \r\n"), std::string::npos) << head;
-  EXPECT_NE(head.find("\r\nContent-Type: application/json\r\n"), std::string::npos) << head;
-  EXPECT_NE(head.find("\r\nContent-Length: 24\r\n"), std::string::npos) << head;
-  EXPECT_EQ(head.find("Expect:"), std::string::npos) << head;
-  EXPECT_EQ(raw.substr(raw.find("\r\n\r\n") + 4), R"({"key":"k","secret":"s"})");
+TEST(QueryEncoding, SortsEscapesAndIndexes) {
+  const std::pair<ZRKJson, std::string> cases[] = {
+      {{{"user", {{"tags", {"x", "y"}}, {"name", "A B"}}}, {"on", true}, {"n", 5}},
+       "n=5&on=true&user[name]=A%20B&user[tags][0]=x&user[tags][1]=y"},
+      {{{"b", 1}, {"A", 2}, {"a", 3}}, "A=2&a=3&b=1"},
+      // Keys sort by their escaped spelling: "%20" before "%21" before digits.
+      {{{"0", 1}, {"!", 2}, {" ", 3}}, "%20=3&%21=2&0=1"},
+      {{{"m", {{"b", 1}, {"B", 2}}}}, "m[B]=2&m[b]=1"},
+      {{{"k", nullptr}, {"e", ZRKJson::array()}, {"o", ZRKJson::object()}}, "k="},
+      {{{"one", 1}, {"no", false}, {"f", 0.1}, {"g", -2.5}}, "f=0.1&g=-2.5&no=false&one=1"},
+      {{{"k", {1, {2, 3}, {{"z", nullptr}}}}}, "k[0]=1&k[1][0]=2&k[1][1]=3&k[2][z]="},
+      {{{"a b", {{"c&d", "e=f+g"}}}}, "a%20b[c%26d]=e%3Df%2Bg"},
+      {nullptr, ""},
+  };
+  for (const auto& [parameters, query] : cases) EXPECT_EQ(ZRKQueryStringFromParameters(parameters), query);
+  EXPECT_EQ(ZRKPercentEscapedObject({{"a b", {"c d", nullptr, false}}}), (ZRKJson{{"a%20b", {"c%20d", "", "false"}}}));
+  // Pairs made directly render the value as it is; null has no "=".
+  EXPECT_EQ(ZRKQueryStringPairsFromKeyAndValue("k", {{"y", nullptr}}).at(0).stringValue(), "k[y]");
+}
+
+TEST(QueryEncoding, EscapesAllButLettersDigitsAndSixMarks) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"a/b?x-._~", "a/b?x-._~"},
+      {":#[]@!$&'()*+,;=", "%3A%23%5B%5D%40%21%24%26%27%28%29%2A%2B%2C%3B%3D"},
+      {std::string("\"%<>\\ \0\n", 8), "%22%25%3C%3E%5C%20%00%0A"},
+      {"é", "%C3%A9"},
+      // A flag across the end of the first 50-unit batch comes out whole.
+      {std::string(49, 'a') + "\U0001F1F8\U0001F1EA" + std::string(69, 'b'),
+       std::string(49, 'a') + "%F0%9F%87%B8%F0%9F%87%AA" + std::string(69, 'b')},
+  };
+  for (const auto& [text, escaped] : cases) EXPECT_EQ(ZRKPercentEscapedStringFromString(text), escaped) << text;
+}
+
+// A model with a mapped property that may be missing and a nested model.
+class Account : public ZRKFormEncodable {
+ public:
+  std::map<std::string, std::string> propertyNamesToFormFieldNamesMapping() const override {
+    return {{"firstName", "first_name"}, {"owner", "owner"}};
+  }
+  ZRKFormValue valueForKey(std::string_view property) const override {
+    if (property == "firstName" && firstName) return *firstName;
+    return property == "owner" && owner ? ZRKFormValue(owner) : ZRKFormValue();
+  }
+  std::optional<std::string> rootObjectName() const override { return root; }
+  std::optional<std::string> firstName, root;
+  std::shared_ptr<const Account> owner;
+};
+
+TEST(FormEncodable, MappedPropertiesThenAdditionalParametersUnderTheRoot) {
+  auto owner = std::make_shared<Account>();
+  owner->firstName = "Bo";
+  Account account;
+  account.owner = owner;
+  EXPECT_EQ(ZRKFormEncoder::dictionaryForObject(account), (ZRKJson{{"owner", {{"first_name", "Bo"}}}}));
+  account.firstName = "Ada";
+  account.setAdditionalAPIParameters({{"first_name", "replaced"}, {"extra", nullptr}});
+  account.root = "account";
+  EXPECT_EQ(ZRKQueryStringFromParameters(ZRKFormEncoder::dictionaryForObject(account)),
+            "account[extra]=&account[first_name]=replaced&account[owner][first_name]=Bo");
+  const auto list = ZRKFormEncoder::formEncodableValueForObject(ZRKFormValue::array({owner, ZRKFormValue(), "x"}));
+  EXPECT_EQ(list.value_or(nullptr), (ZRKJson{{{"first_name", "Bo"}}, "x"}));
+}
+
+TEST(SnakeCase, BecomesCamelCaseWithEachLaterPieceCapitalized) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"user_first_name", "userFirstName"}, {"api_URL", "apiUrl"}, {"a__b", "aB"}, {"plain", "plain"},
+      {"x_ÉCOLE_ΣΟΦΊΑ", "xÉcoleΣοφία"}};
+  for (const auto& [from, to] : cases) EXPECT_EQ(ZRKFormEncoder::stringByReplacingSnakeCaseWithCamelCase(from), to);
+}
+
+TEST(RequestBodies, ParametersJoinTheQueryWithTheRightSeparator) {
+  const std::tuple<const char*, ZRKJson, const char*> cases[] = {
+      {"https://h/x", {{"b", 2}, {"a", 1}}, "https://h/x?a=1&b=2"},
+      {"https://h/x?x=1", {{"a", 1}}, "https://h/x?x=1&a=1"},
+      {"https://h/x?", nullptr, "https://h/x?&"}};
+  for (const auto& [url, parameters, expected] : cases) {
+    ZRKURLRequest request(ZRKURL::URLWithString(url));
+    zrk_addParametersToURL(request, parameters);
+    EXPECT_EQ(request.URL()->absoluteString(), expected);
+  }
+}
+
+TEST(RequestBodies, EachBodySetsItsHeaders) {
+  ZRKURLRequest json;
+  json.setValue("text/plain", "content-type");
+  zrk_setJSONPayload(json, {{"b", "é"}, {"a", {1, nullptr}}});
+  EXPECT_EQ(json.HTTPBody(), R"({"a":[1,null],"b":"é"})");
+  EXPECT_EQ(json.valueForHTTPHeaderField("Content-Type"), "application/json");
+  EXPECT_EQ(json.allHTTPHeaderFields().size(), 1u);
+  zrk_setJSONPayload(json, {{"bad", "\xff"}});  // no UTF-8, no JSON: no body rather than a broken one
+  EXPECT_FALSE(json.HTTPBody());
+
+  ZRKURLRequest form;
+  zrk_setFormPayload(form, {{"q", "a b"}, {"n", 10}});
+  EXPECT_EQ(form.HTTPBody(), "n=10&q=a%20b");
+  EXPECT_EQ(form.valueForHTTPHeaderField("Content-Length"), "12");
+  EXPECT_EQ(form.valueForHTTPHeaderField("Content-Type"), "application/x-www-form-urlencoded");
+
+  ZRKURLRequest multipart;
+  zrk_setMultipartFormData(multipart, std::string(1234, 'x'), "B");
+  EXPECT_EQ(multipart.valueForHTTPHeaderField("Content-Length"), "1234");
+  EXPECT_EQ(multipart.valueForHTTPHeaderField("Content-Type"), "multipart/form-data; boundary=B");
+}
+
+// Names go out as given; what a part lacks is left out.
+TEST(Multipart, BodiesByteForByte) {
+  ZRKMultipartFormDataPart named, bare;
+  named.setName("a\"b");
+  named.setData("1");
+  EXPECT_EQ(ZRKMultipartFormDataEncoder::multipartFormDataForParts({named, bare}, "xyz"),
+            "--xyz\r\nContent-Disposition: form-data; name=\"a\"b\"\r\n\r\n1\r\n"
+            "--xyz\r\nContent-Disposition: form-data; name=\"(null)\"\r\n\r\n\r\n--xyz--\r\n");
+  EXPECT_EQ(ZRKMultipartFormDataEncoder::multipartFormDataForParts({}, "B"), "--B--\r\n");
+}
+
+TEST(Multipart, BoundariesAreFreshUpperCaseUuids) {
+  const std::regex shape("ZRKApi-iOS-[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+  const std::string first = ZRKMultipartFormDataEncoder::generateBoundary();
+  EXPECT_TRUE(std::regex_match(first, shape)) << first;
+  EXPECT_NE(ZRKMultipartFormDataEncoder::generateBoundary(), first);
 }
 
 }  // namespace

@@ -28,7 +28,9 @@ inline constexpr const char* kTestBaseURL = "https://api.zrk.test/";
 class MemoryServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ZRKApiClient::sharedUrlSessionConfiguration()->transport = transport;
+    // Written once: a task that an earlier test left behind may be reading it.
+    const auto configuration = ZRKApiClient::sharedUrlSessionConfiguration();
+    if (configuration->transport != transport) configuration->transport = transport;
     transport->reset();
     ZRKApiAuthToken::clear();
     ZRKUserSession::clearSession();

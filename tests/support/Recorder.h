@@ -25,10 +25,15 @@ class Recorder {
   // The completion to hand over; each copy records into this recorder.
   std::function<void(Args...)> completion() const {
     return [state = state_](Args... args) {
-      std::lock_guard lock(state->mutex);
-      ++state->calls;
-      if (!ZRKMainQueue::isMainThread()) state->offMain = true;
-      state->last.emplace(std::move(args)...);
+      const bool offMain = !ZRKMainQueue::isMainThread();
+      {
+        std::lock_guard lock(state->mutex);
+        ++state->calls;
+        if (offMain) state->offMain = true;
+        state->last.emplace(std::move(args)...);
+      }
+      // A wait() on the main thread wakes only for the main queue.
+      if (offMain) ZRKMainQueue::mainQueue().async([] {});
     };
   }
   operator std::function<void(Args...)>() const { return completion(); }

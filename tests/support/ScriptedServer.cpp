@@ -1,116 +1,60 @@
 #include "support/ScriptedServer.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
+#include <openssl/ssl.h>
 #include <poll.h>
-#include <sys/socket.h>
+#include <signal.h>
+#include <strings.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cstdlib>
-#include <optional>
 
 namespace zrk::test {
-namespace {
 
-constexpr auto kSlice = std::chrono::milliseconds(20);
+constexpr int kSliceMs = 20;
 
-std::string lower(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
-std::size_t announcedLength(const std::string& head) {
-  const std::string text = lower(head);
-  const auto at = text.find("\r\ncontent-length:");
-  return at == std::string::npos ? 0 : std::strtoul(text.c_str() + at + 17, nullptr, 10);
-}
-
-void sendAll(int socket, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t n = ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (n <= 0) return;
-    bytes.remove_prefix(static_cast<std::size_t>(n));
+ScriptedServer::ScriptedServer(std::string host, const std::string& tlsKeyAndCertificate) : host_(std::move(host)) {
+  if (!tlsKeyAndCertificate.empty()) {
+    SSL_CTX* context = SSL_CTX_new(TLS_server_method());
+    tls_ = context;
+    if (SSL_CTX_use_certificate_chain_file(context, tlsKeyAndCertificate.c_str()) != 1 ||
+        SSL_CTX_use_PrivateKey_file(context, tlsKeyAndCertificate.c_str(), SSL_FILETYPE_PEM) != 1) {
+      std::abort();
+    }
   }
-}
-
-}  // namespace
-
-Step readBody() { return {Step::Kind::readBody, {}, {}, 0}; }
-Step send(std::string bytes) { return send(std::make_shared<const std::string>(std::move(bytes))); }
-Step send(std::shared_ptr<const std::string> bytes) { return {Step::Kind::send, std::move(bytes), {}, 0}; }
-Step pause(std::chrono::milliseconds duration) { return {Step::Kind::sleep, {}, duration, 0}; }
-Step trickle(std::string bytes, std::size_t chunk, std::chrono::milliseconds interval) {
-  return {Step::Kind::trickle, std::make_shared<const std::string>(std::move(bytes)), interval, chunk};
-}
-Step closeConnection() { return {Step::Kind::close, {}, {}, 0}; }
-Step resetConnection() { return {Step::Kind::reset, {}, {}, 0}; }
-Step holdOpen() { return {Step::Kind::holdOpen, {}, {}, 0}; }
-
-std::string httpAnswer(const std::string& body, int status, const std::string& extraHeaders) {
-  return "HTTP/1.1 " + std::to_string(status) + " Status\r\nContent-Type: application/json\r\nContent-Length: " +
-         std::to_string(body.size()) + "\r\nConnection: close\r\n" + extraHeaders + "\r\n" + body;
-}
-
-std::string RawRequest::method() const { return head.substr(0, head.find(' ')); }
-
-std::string RawRequest::target() const {
-  const auto start = head.find(' ') + 1;
-  return head.substr(start, head.find(' ', start) - start);
-}
-
-std::string RawRequest::path() const {
-  const std::string t = target();
-  return t.substr(0, t.find('?'));
-}
-
-ScriptedServer::ScriptedServer(std::string host) : host_(std::move(host)) {
   listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const int yes = 1;
-  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
+  sockaddr_in address{AF_INET, 0, {}, {}};
   ::inet_pton(AF_INET, host_.c_str(), &address.sin_addr);
-  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(listener_, 256) != 0) {
-    std::abort();
-  }
   socklen_t length = sizeof address;
+  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) || ::listen(listener_, 256)) std::abort();
   ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
   port_ = ntohs(address.sin_port);
   always({send(httpAnswer("{}"))});
-  acceptor_ = std::thread([this] { acceptLoop(); });
+  acceptor_ = std::thread([this] {
+    while (!stopping_) {
+      pollfd waiting{listener_, POLLIN, 0};
+      const int fd = ::poll(&waiting, 1, kSliceMs) > 0 ? ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+      if (fd < 0) continue;
+      std::lock_guard lock(mutex_);
+      ++accepted_;
+      // Detached and counted: a long stress run keeps only the connections in flight.
+      std::thread([this, fd] {
+        serve(fd);
+        std::lock_guard lock(mutex_);
+        ++finished_;
+        arrived_.notify_all();
+      }).detach();
+    }
+  });
 }
 
 ScriptedServer::~ScriptedServer() {
   stopping_ = true;
   acceptor_.join();
-  std::list<std::thread> workers;
-  {
-    std::lock_guard lock(mutex_);
-    workers.swap(workers_);
-  }
-  for (auto& worker : workers) worker.join();
+  std::unique_lock lock(mutex_);
+  arrived_.wait(lock, [this] { return finished_ == accepted_; });
   ::close(listener_);
-}
-
-void ScriptedServer::choose(Chooser chooser) {
-  std::lock_guard lock(mutex_);
-  chooser_ = std::move(chooser);
-}
-
-void ScriptedServer::always(Script script) {
-  choose([script = std::move(script)](const RawRequest&) { return script; });
-}
-
-void ScriptedServer::setRecording(bool recording) {
-  std::lock_guard lock(mutex_);
-  recording_ = recording;
-}
-
-std::vector<RawRequest> ScriptedServer::requests() const {
-  std::lock_guard lock(mutex_);
-  return requests_;
+  SSL_CTX_free(static_cast<SSL_CTX*>(tls_));
 }
 
 bool ScriptedServer::waitForRequests(std::size_t n, std::chrono::milliseconds timeout) const {
@@ -118,144 +62,106 @@ bool ScriptedServer::waitForRequests(std::size_t n, std::chrono::milliseconds ti
   return arrived_.wait_for(lock, timeout, [&] { return requests_.size() >= n; });
 }
 
-bool ScriptedServer::sleepFor(std::chrono::milliseconds duration) const {
-  const auto end = std::chrono::steady_clock::now() + duration;
-  while (!stopping_) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return true;
-    std::this_thread::sleep_for(std::min(left, kSlice));
+void ScriptedServer::serve(int fd) {
+  // A client that goes away mid-write must not end the process.
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+  SSL* ssl = tls_ ? SSL_new(static_cast<SSL_CTX*>(tls_)) : nullptr;
+  if (ssl) {
+    // Blocking reads, bounded: a stalled handshake costs at most this long.
+    const timeval limit{2, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    SSL_set_fd(ssl, fd);
   }
-  return false;
-}
-
-void ScriptedServer::acceptLoop() {
-  // Finished workers are joined as new ones start, so a long stress run
-  // keeps only the connections in flight.
-  struct Worker {
-    std::thread thread;
-    std::shared_ptr<std::atomic<bool>> done;
-  };
-  std::list<Worker> running;
-  const auto reap = [&running](bool all) {
-    for (auto it = running.begin(); it != running.end();) {
-      if (all || *it->done) {
-        it->thread.join();
-        it = running.erase(it);
-      } else {
-        ++it;
-      }
-    }
-  };
-  while (!stopping_) {
-    reap(false);
-    pollfd waiting{listener_, POLLIN, 0};
-    if (::poll(&waiting, 1, static_cast<int>(kSlice.count())) <= 0) continue;
-    const int connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (connection < 0) continue;
-    ++accepted_;
-    auto done = std::make_shared<std::atomic<bool>>(false);
-    running.push_back({std::thread([this, connection, done] {
-                         serve(connection);
-                         ++finished_;
-                         *done = true;
-                       }),
-                       done});
-  }
-  reap(true);
-}
-
-void ScriptedServer::serve(int socket) {
-  std::string bytes;
+  bool open = !ssl || SSL_accept(ssl) == 1;  // a refused certificate ends it here
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  const auto receive = [&]() -> bool {
-    pollfd readable{socket, POLLIN, 0};
-    if (::poll(&readable, 1, static_cast<int>(kSlice.count())) <= 0) return true;
+  std::string bytes;
+  // Waits a moment for bytes; false once the peer has gone (or, if bounded, time is up).
+  const auto receive = [&](bool bounded) {
+    if (stopping_ || (bounded && std::chrono::steady_clock::now() > deadline)) return false;
+    pollfd readable{fd, POLLIN, 0};
+    if ((!ssl || SSL_pending(ssl) == 0) && ::poll(&readable, 1, kSliceMs) <= 0) return true;
     char buffer[65536];
-    const ssize_t n = ::recv(socket, buffer, sizeof buffer, 0);
-    if (n <= 0) return false;
-    bytes.append(buffer, static_cast<std::size_t>(n));
-    return true;
+    const long n = ssl ? SSL_read(ssl, buffer, sizeof buffer) : ::recv(fd, buffer, sizeof buffer, 0);
+    if (n > 0) bytes.append(buffer, static_cast<std::size_t>(n));
+    return n > 0;
   };
-  std::size_t end;
-  while ((end = bytes.find("\r\n\r\n")) == std::string::npos) {
-    if (stopping_ || std::chrono::steady_clock::now() > deadline || !receive()) {
-      ::close(socket);
-      return;
+  const auto sendAll = [&](std::string_view data) {
+    for (long n = 1; !data.empty() && n > 0; data.remove_prefix(std::max(n, 0L))) {
+      n = ssl ? SSL_write(ssl, data.data(), static_cast<int>(data.size()))
+              : ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
     }
-  }
-  RawRequest request{bytes.substr(0, end + 4), {}};
-  bytes.erase(0, end + 4);
+  };
+  const auto sleep = [this](std::chrono::milliseconds duration) {
+    for (const auto end = std::chrono::steady_clock::now() + duration; std::chrono::steady_clock::now() < end;) {
+      if (stopping_) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  };
+  while (open && bytes.find("\r\n\r\n") == std::string::npos) open = receive(true);
+  const std::size_t headEnd = bytes.find("\r\n\r\n") + 4;
+  const RawRequest request{bytes.substr(0, open ? headEnd : 0), {}};
   Script script;
-  std::optional<std::size_t> index;
-  {
+  std::size_t index = 0;  // one past the recorded request, 0 if not recorded
+  if (open) {
     std::lock_guard lock(mutex_);
-    if (recording_) {
-      requests_.push_back(request);
-      index = requests_.size() - 1;
-    }
+    if (recording_) requests_.push_back(request);
+    index = recording_ ? requests_.size() : 0;
     script = chooser_(request);
+    arrived_.notify_all();
   }
-  arrived_.notify_all();
-
-  bool open = true;
-  for (const Step& step : script) {
-    if (!open || stopping_) break;
-    switch (step.kind) {
+  for (auto step = script.begin(); open && !stopping_ && step != script.end(); ++step) {
+    switch (step->kind) {
       case Step::Kind::readBody: {
-        const std::size_t length = announcedLength(request.head);
-        while (bytes.size() < length && !stopping_ && std::chrono::steady_clock::now() < deadline && receive()) {
+        std::size_t length = 0;
+        for (std::size_t at = bytes.find("\r\n"); at < headEnd; at = bytes.find("\r\n", at + 2)) {
+          if (!::strncasecmp(&bytes[at + 2], "content-length:", 15)) length = std::strtoul(&bytes[at + 17], {}, 10);
+        }
+        while (bytes.size() < headEnd + length && receive(true)) {
         }
         std::lock_guard lock(mutex_);
-        if (index) requests_[*index].body = bytes.substr(0, length);
+        if (index) requests_[index - 1].body = bytes.substr(headEnd, length);
         break;
       }
       case Step::Kind::send:
-        sendAll(socket, *step.bytes);
+        sendAll(*step->bytes);
         break;
       case Step::Kind::sleep:
-        sleepFor(step.interval);
+        sleep(step->interval);
         break;
       case Step::Kind::trickle:
-        for (std::size_t at = 0; at < step.bytes->size() && !stopping_; at += step.chunk) {
-          sendAll(socket, std::string_view(*step.bytes).substr(at, step.chunk));
-          if (at + step.chunk < step.bytes->size()) sleepFor(step.interval);
+        for (std::size_t at = 0; at < step->bytes->size() && !stopping_; at += step->chunk) {
+          if (at) sleep(step->interval);
+          sendAll(std::string_view(*step->bytes).substr(at, step->chunk));
         }
-        break;
-      case Step::Kind::close:
-        ::close(socket);
-        open = false;
         break;
       case Step::Kind::reset: {
         const linger abort{1, 0};
-        ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-        ::close(socket);
+        ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+        [[fallthrough]];
+      }
+      case Step::Kind::close:
         open = false;
         break;
-      }
       case Step::Kind::holdOpen:
-        while (!stopping_) {
-          pollfd readable{socket, POLLIN, 0};
-          if (::poll(&readable, 1, static_cast<int>(kSlice.count())) <= 0) continue;
-          char buffer[65536];
-          if (::recv(socket, buffer, sizeof buffer, 0) <= 0) break;
-        }
+        while (receive(false)) bytes.resize(headEnd);
         break;
     }
   }
-  if (open) {
-    // Half-close first so the client reads everything before it sees the end.
-    ::shutdown(socket, SHUT_WR);
-    ::close(socket);
-  }
+  // Half-close first, so the client reads everything before it sees the end.
+  if (open && ssl) SSL_shutdown(ssl);
+  if (open) ::shutdown(fd, SHUT_WR);
+  SSL_free(ssl);
+  ::close(fd);
 }
 
 int closedPort() {
   const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ::bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t length = sizeof address;
+  ::bind(s, reinterpret_cast<sockaddr*>(&address), length);
   ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
   ::close(s);
   return ntohs(address.sin_port);

@@ -1,26 +1,19 @@
-// Prints the library's generic error text and where its catalogs were found,
-// so that tests can vary the environment and working directory per process:
-// the library decides both once per process.
-//   zrkapi_locale_probe [--app-catalog DIR]
-// With --app-catalog the program acts as a localized application whose own
-// text domain "probe" lives in DIR.
+// Prints the library's generic error text and where it found its catalogs,
+// for tests that vary the environment and working directory per process:
+// the library decides both once per process. With PROBE_CATALOG set it acts
+// as a localized application whose own text domain "probe" lives there.
 #include <libintl.h>
 
 #include <clocale>
 #include <cstdio>
-#include <string_view>
+#include <cstdlib>
 
 #include "zrk/ZRKApiError.h"
 #include "zrk/ZRKLocalizationUtils.h"
 
-int main(int argc, char** argv) {
-  if (argc == 3 && std::string_view(argv[1]) == "--app-catalog") {
-    std::setlocale(LC_ALL, "C.UTF-8");
-    bindtextdomain("probe", argv[2]);
-    textdomain("probe");
-  }
-  const zrk::ZRKError error = zrk::zrk_genericFailedToParseResponseError();
-  std::printf("%s\n%s\n", error.localizedDescription().c_str(),
+int main() {
+  if (const char* catalogs = std::getenv("PROBE_CATALOG"))
+    std::setlocale(LC_ALL, "C.UTF-8"), bindtextdomain("probe", catalogs), textdomain("probe");
+  std::printf("%s\n%s\n", zrk::zrk_genericFailedToParseResponseError().localizedDescription().c_str(),
               zrk::ZRKBundleLocator::ZRKResourcesBundle()->bundlePath().c_str());
-  return 0;
 }

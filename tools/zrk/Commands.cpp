@@ -10,8 +10,11 @@
 #include <stdexcept>
 
 #include "Waiting.h"
+// prepare writes what a scan uploads, so it uses the library's own sizing.
+#include "endpoints/ZRKScanUpload.h"
 #include "zrk/ZRKApi.h"
 #include "zrk/ZRKCollection.h"
+#include "zrk/ZRKImage.h"
 #include "zrk/ZRKScanAPIResponse.h"
 #include "zrk/ZRKScanHistory.h"
 #include "zrk/ZRKURL.h"
@@ -20,8 +23,6 @@
 
 namespace zrk::tool {
 namespace {
-
-constexpr double kLongestUploadSide = 1000;
 
 bool startsWithNoCase(std::string_view text, std::string_view prefix) {
   return text.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), text.begin(), [](char a, char b) {
@@ -173,7 +174,7 @@ ExitStatus runPrepare(const Invocation& in, Console& console) {
     console.problem(in.image + " is not a readable JPEG or PNG file");
     return kUsageError;
   }
-  const auto jpeg = uploadJpeg(*image);
+  const auto jpeg = detail::scanUploadJPEG(*image);
   if (!jpeg) {
     console.problem(in.image + " cannot be decoded");
     return kUsageError;
@@ -195,18 +196,6 @@ ExitStatus runPrepare(const Invocation& in, Console& console) {
 }
 
 }  // namespace
-
-std::optional<std::string> uploadJpeg(const ZRKImage& image) {
-  // The longer side becomes 1000 pixels, ties taking the height; a side of
-  // exactly 1000 is left alone.
-  const double width = image.size().width * image.scale();
-  const double height = image.size().height * image.scale();
-  if (width <= kLongestUploadSide && height <= kLongestUploadSide) return ZRKImageJPEGRepresentation(image, 1.0);
-  const double factor = height >= width ? kLongestUploadSide / height : kLongestUploadSide / width;
-  const auto scaled = zrk_imageScaledToFitSize(image, ZRKSize{width * factor, height * factor});
-  if (!scaled) return std::nullopt;
-  return ZRKImageJPEGRepresentation(*scaled, 1.0);
-}
 
 ExitStatus runCommand(const Invocation& in, Console& console) {
   if (in.command == Command::prepare) return runPrepare(in, console);

@@ -80,7 +80,8 @@ void checkSetters(FuzzedDataProvider& in) {
   const std::vector<ZRKURLQueryItem> items{{in.ConsumeRandomLengthString(64), in.ConsumeRandomLengthString(64)},
                                            {in.ConsumeRandomLengthString(64), std::nullopt}};
   c.setQueryItems(items);
-  ZRK_FUZZ_CHECK(c.queryItems() == items && isSafe(c.query()));
+  // A "+" would read as a space on the server.
+  ZRK_FUZZ_CHECK(c.queryItems() == items && isSafe(c.query()) && c.query()->find('+') == std::string::npos);
   // Strings travel as they are, whatever their bytes.
   const ZRKJson dictionary = {{items[0].name, *items[0].value}};
   setZrk_queryItemsDictionary(c, dictionary);

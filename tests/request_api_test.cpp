@@ -126,7 +126,7 @@ TEST(ApiErrors, BodiesWithAUsableCodeBecomeErrors) {
     EXPECT_EQ(error->userInfo[ZRKErrorCodeKey], std::to_string(code));
   }
   // Without a message the user sees the generic text, the developer a fixed one.
-  EXPECT_EQ(fromBody({{"code", 401}, {"message", 7}, {"detail", {1, 2}}})->userInfo,
+  EXPECT_EQ(fromBody({{"code", 401}, {"message", 7}, {"detail", {1, 2}}}).value_or(ZRKError()).userInfo,
             (ZRKJson{{ZRKErrorCodeKey, "401"},
                      {ZRKLocalizedDescriptionKey, zrk_unexpectedErrorMessage()},
                      {ZRKErrorMessageKey, "Could not interpret the error response that was returned from ZRK Api."}}));

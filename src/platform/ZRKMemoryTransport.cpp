@@ -39,13 +39,6 @@ ZRKScriptedResponse ZRKScriptedResponse::silence() {
 
 namespace {
 
-struct Route {
-  std::string method;
-  std::string path;
-  std::vector<ZRKScriptedResponse> responses;
-  std::size_t used = 0;
-};
-
 // One exchange: the client until the answer is given or the exchange cancelled.
 class MemoryExchange final : public ZRKURLTransportExchange {
  public:
@@ -81,6 +74,12 @@ void answer(const std::shared_ptr<MemoryExchange>& exchange, const ZRKScriptedRe
 }  // namespace
 
 struct ZRKMemoryTransport::State {
+  struct Route {
+    std::string method;
+    std::string path;
+    std::vector<ZRKScriptedResponse> responses;
+    std::size_t used = 0;
+  };
   mutable std::mutex mutex;
   mutable std::condition_variable arrived;
   std::vector<Route> routes;                                             // guarded by mutex
@@ -97,8 +96,8 @@ std::shared_ptr<ZRKMemoryTransport> ZRKMemoryTransport::create() {
 
 void ZRKMemoryTransport::respond(std::string method, std::string path, std::vector<ZRKScriptedResponse> responses) {
   std::lock_guard lock(state_->mutex);
-  std::erase_if(state_->routes, [&](const Route& r) { return r.method == method && r.path == path; });
-  if (!responses.empty()) state_->routes.push_back(Route{std::move(method), std::move(path), std::move(responses)});
+  std::erase_if(state_->routes, [&](const State::Route& r) { return r.method == method && r.path == path; });
+  if (!responses.empty()) state_->routes.push_back(State::Route{std::move(method), std::move(path), std::move(responses)});
 }
 
 void ZRKMemoryTransport::respond(std::string method, std::string path, ZRKScriptedResponse response) {

@@ -58,10 +58,11 @@ class Recorder {
     std::lock_guard lock(state_->mutex);
     return state_->offMain;
   }
-  // The last call's arguments; the recorder must have been called.
+  // The last call's arguments; value-initialized ones before the first call,
+  // so that a test whose completion never came fails instead of crashing.
   Values last() const {
     std::lock_guard lock(state_->mutex);
-    return *state_->last;
+    return state_->last.value_or(Values{});
   }
   template <std::size_t I>
   auto arg() const {

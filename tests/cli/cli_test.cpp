@@ -5,7 +5,7 @@
 #include <fstream>
 #include <map>
 
-#include "support/Process.h"
+#include "zrk/testing/ZRKProcess.h"
 #include "support/ScriptedServer.h"
 #include "zrk/ZRKApiError.h"
 #include "zrk/ZRKJson.h"
@@ -14,6 +14,7 @@ namespace zrk::test {
 namespace {
 
 using Args = std::vector<std::string>;
+using zrk::testing::ZRKProcess;
 
 const std::string kSecret = "AppSecret-9f3k", kPassword = "Pw-7xq2", kAppToken = "AppTok-55ab";
 const std::string kPhoto = ZRK_SOURCE_DIR "/emulator/samples/photos/jazz-night-photo.jpg";  // 960 x 720
@@ -48,8 +49,8 @@ class CliTest : public ::testing::Test {
       return found == routes.end() ? Script{readBody(), send(httpAnswer(R"({"result":[]})"))} : found->second;
     });
   }
-  Process::Result zrk(const Args& arguments) {
-    return Process::run(ZRK_CLI_PATH, Args{"--base-url", server.url(), "--key", "k1", "--secret", kSecret} + arguments);
+  ZRKProcess::Result zrk(const Args& arguments) {
+    return ZRKProcess::run(ZRK_CLI_PATH, Args{"--base-url", server.url(), "--key", "k1", "--secret", kSecret} + arguments);
   }
   // "METHOD target body" of each request but the token step's.
   std::vector<std::string> sent() const {
@@ -113,7 +114,7 @@ TEST_F(CliTest, OptionsAndTheEnvironmentBecomeCredentialsAndEndUserHeaders) {
   const std::pair<Args, std::string> credentials[] = {{{}, R"({"key":"ek","secret":"es"})"},
                                                       {{"--key", "ok"}, R"({"key":"ok","secret":"es"})"}};
   for (const auto& [args, authBody] : credentials) {
-    EXPECT_EQ(Process::run(ZRK_CLI_PATH, args + Args{"collections"}, environment).status, 0);
+    EXPECT_EQ(ZRKProcess::run(ZRK_CLI_PATH, args + Args{"collections"}, environment).status, 0);
     EXPECT_EQ(server.requests().end()[-2].body, authBody);  // this run's token step
   }
 }
@@ -181,7 +182,7 @@ TEST_F(CliTest, UsageErrorsExitWithTwoAndSendNothing) {
     cases.push_back(service + args);
   }
   for (const Args& args : cases) {
-    const auto run = Process::run(ZRK_CLI_PATH, args);
+    const auto run = ZRKProcess::run(ZRK_CLI_PATH, args);
     EXPECT_EQ(run.status, 2) << ::testing::PrintToString(args);
     EXPECT_TRUE(run.out.empty() && contains(run.err, "zrk: ")) << run.out << run.err;
   }
@@ -203,13 +204,13 @@ TEST_F(CliTest, SecretsNeverReachTheOutput) {
   answer("POST /app/v1/user/auth", R"({"email":"a@x","name":"echo )" + echoed + R"(","token":"ut-seen"})");
   answer("DELETE /app/v1/user/auth", R"({"code":403,"message":")" + echoed + R"(","detail":[")" + echoed + R"("]})");
   answer("GET /app/v1/user", R"({"code":401,"message":"unknown ut-input-7"})");
-  std::vector<Process::Result> runs;
+  std::vector<ZRKProcess::Result> runs;
   for (const Args& args : {kLogin, kLogout, Args{"user", "get", "--token", "ut-input-7"},
                            Args{"--age", kSecret, "history"}, Args{"--age=" + kPassword, "--password=" + kPassword}}) {
     runs.push_back(zrk(args));
     runs.push_back(zrk(Args{"--json"} + args));
   }
-  runs.push_back(Process::run(ZRK_CLI_PATH, {"--base-url", server.url(), "--key", "k", "--age", kSecret, "collections"},
+  runs.push_back(ZRKProcess::run(ZRK_CLI_PATH, {"--base-url", server.url(), "--key", "k", "--age", kSecret, "collections"},
                               {"ZRK_APP_SECRET=" + kSecret}));
   EXPECT_TRUE(contains(runs[0].out, "ut-seen"));  // a user token the service gives is shown
   for (const auto& run : runs) {

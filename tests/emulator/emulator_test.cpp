@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "core/ZRKBase64.h"
-#include "support/Process.h"
+#include "zrk/testing/ZRKProcess.h"
 #include "support/Recorder.h"
 #include "zrk/ZRKApi.h"
 #include "zrk/ZRKApiAuthToken.h"
@@ -20,6 +20,7 @@ namespace zrk::test {
 namespace {
 
 using namespace std::chrono_literals;
+using zrk::testing::ZRKProcess;
 
 const std::string kSeed = ZRK_SAMPLES "/seed", kPhoto = ZRK_SAMPLES "/photos/jazz-night-photo.jpg";
 const std::string kForm = "multipart/form-data; boundary=B";
@@ -48,7 +49,7 @@ class EmulatorTest : public ::testing::Test {
       EXPECT_EQ(emulator->stop(), 0) << emulator->err();
     }
     arguments.insert(arguments.end(), {"--port", "0", "--seed", kSeed});
-    emulator = std::make_unique<Process>(ZRK_EMULATOR_PATH, arguments);
+    emulator = std::make_unique<ZRKProcess>(ZRK_EMULATOR_PATH, arguments);
     url = emulator->lineAfter("listening on ");
     ASSERT_FALSE(url.empty()) << emulator->err();
   }
@@ -72,7 +73,7 @@ class EmulatorTest : public ::testing::Test {
     return {{"Authorization", "Bearer " + detail::base64Encode(appToken)}};
   }
 
-  std::unique_ptr<Process> emulator;
+  std::unique_ptr<ZRKProcess> emulator;
   std::string url;
 };
 
@@ -210,7 +211,7 @@ TEST_F(EmulatorTest, DrillsSlowAndFailTheServiceButNotItsOwnPaths) {
 TEST(EmulatorStart, RefusesBadOptions) {
   const std::vector<std::string> options[] = {
       {"--app", "no-colon"}, {"--fail-rate", "1.5"}, {"--token-ttl", "0"}, {"--seed", "/nope"}};
-  for (const auto& arguments : options) EXPECT_EQ(Process::run(ZRK_EMULATOR_PATH, arguments).status, 2) << arguments[1];
+  for (const auto& arguments : options) EXPECT_EQ(ZRKProcess::run(ZRK_EMULATOR_PATH, arguments).status, 2) << arguments[1];
 }
 
 // The library against the emulator, once: a photo scanned, and what it sent

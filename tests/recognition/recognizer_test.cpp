@@ -4,14 +4,9 @@
 
 #include <atomic>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
-#include <map>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
-#include <set>
 #include <stdexcept>
 #include <thread>
 
@@ -157,44 +152,6 @@ TEST(Recognizer, KeepsOnlyUsableImagesAndOneTriggerPerId) {
   EXPECT_FALSE(catalogue.recognizer.match(encoded(catalogue.posters[1]), std::nullopt));
   const Bytes photo = encoded(samples::photograph(replacement, 5));
   EXPECT_EQ(idOf(catalogue.recognizer.match(photo, "collection-2")), "trigger-1");
-}
-
-Bytes readFile(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), {});
-}
-
-// The README's walkthrough scans these committed photos against the
-// committed seed; each finds its own poster, within its own collection only.
-TEST(Recognizer, FindsEachCommittedSamplePhotoInItsOwnCollectionOnly) {
-  namespace fs = std::filesystem;
-  const fs::path root = fs::path(ZRK_SOURCE_DIR) / "emulator" / "samples";
-  Recognizer recognizer;
-  std::map<std::string, std::string> collectionOf;
-  std::set<std::string> collections{"", "no-such-collection"};
-  for (const auto& folder : fs::directory_iterator(root / "seed")) {
-    collections.insert(folder.path().filename());
-    for (const auto& file : fs::directory_iterator(folder.path())) {
-      if (file.path().extension() != ".jpg") continue;
-      collectionOf[file.path().stem()] = folder.path().filename();
-      recognizer.addTrigger(file.path().stem(), folder.path().filename(), readFile(file.path()));
-    }
-  }
-  int photos = 0;
-  for (const auto& file : fs::directory_iterator(root / "photos")) {
-    const std::string stem = file.path().stem(), trigger = stem.substr(0, stem.rfind("-photo"));
-    const Bytes bytes = readFile(file.path());
-    const Match anywhere = recognizer.match(bytes, std::nullopt);
-    EXPECT_EQ(idOf(anywhere), trigger) << stem;
-    EXPECT_GE(anywhere ? anywhere->score : 0, 60) << stem;
-    for (const std::string& collection : collections) {
-      EXPECT_EQ(idOf(recognizer.match(bytes, collection)), collectionOf[trigger] == collection ? trigger : "")
-          << stem << " in \"" << collection << "\"";
-    }
-    ++photos;
-  }
-  EXPECT_GE(photos, 3);
-  EXPECT_GE(recognizer.size(), 6u);
 }
 
 }  // namespace

@@ -5,8 +5,6 @@
 // completion comes exactly once, on the main thread; descriptors and memory
 // come back.
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -16,6 +14,7 @@
 #include <sstream>
 #include <thread>
 
+#include "zrk/testing/ZRKProcess.h"
 #include "support/Recorder.h"
 #include "support/ScriptedServer.h"
 #include "zrk/ZRKApiAuthToken.h"
@@ -27,12 +26,11 @@
 #include "zrk/ZRKScanHistory.h"
 #include "zrk/ZRKUserSession.h"
 
-extern char** environ;
-
 namespace zrk {
 namespace {
 
 using namespace test;
+using testing::ZRKProcess;
 using namespace std::chrono_literals;
 using Completion =
     Recorder<std::optional<std::string>, std::shared_ptr<const ZRKHTTPURLResponse>, std::optional<ZRKError>>;
@@ -290,29 +288,9 @@ TEST_F(ReliabilityTest, ExitingWithRequestsInFlight) {
   server->always({readBody(), holdOpen()});
   for (const char* mode : {"return", "exit"}) {
     const std::size_t before = server->requests().size();
-    int input[2];
-    ASSERT_EQ(::pipe(input), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, input[0], 0);
-    posix_spawn_file_actions_addclose(&actions, input[1]);
-    std::string base = server->url();
-    char* argv[] = {const_cast<char*>(ZRK_EXIT_PROBE), const_cast<char*>(mode), base.data(), nullptr};
-    pid_t child = 0;
-    ASSERT_EQ(::posix_spawn(&child, ZRK_EXIT_PROBE, &actions, nullptr, argv, environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(input[0]);
-    // The probe leaves when its input ends: once its nine requests are here.
-    EXPECT_TRUE(server->waitForRequests(before + 9, 30s)) << mode;
-    ::close(input[1]);
-    int status = 0;
-    if (!eventually([&] { return ::waitpid(child, &status, WNOHANG) == child; })) {
-      ::kill(child, SIGKILL);
-      ::waitpid(child, &status, 0);
-      FAIL() << mode << ": the process hung";
-    }
-    ASSERT_TRUE(WIFEXITED(status)) << mode << ": ended by signal " << WTERMSIG(status);
-    EXPECT_EQ(WEXITSTATUS(status), 0) << mode;
+    ZRKProcess probe(ZRK_EXIT_PROBE, {mode, server->url()});
+    EXPECT_TRUE(server->waitForRequests(before + 9, 30s)) << mode;  // all nine under way
+    EXPECT_EQ(probe.stop(SIGUSR1), 0) << mode << " (128 + a signal: it crashed or hung)";
   }
 }
 

@@ -1,20 +1,19 @@
-// Runs a program as a child process, the way a script does: its standard
-// output and error go to files the test can read at any time, and every wait
-// is bounded (the child is killed after it), so a hang fails a test instead
-// of blocking the suite. Plain POSIX and the standard library, one header:
-// copy it into your own tests.
+// Runs a program as a child process, for tests that start zrk-emulator or
+// zrk: its standard output and error go to files the test can read at any
+// time, and every wait is bounded (the child is killed after it), so a hang
+// fails a test instead of blocking the suite. Header-only, POSIX.
 //
-//   zrk::test::Process emulator("/path/to/zrk-emulator", {"--port", "0", "--seed", "seed"});
+//   zrk::testing::ZRKProcess emulator("/path/to/zrk-emulator", {"--port", "0", "--seed", "seed"});
 //   const std::string url = emulator.lineAfter("listening on ");   // "http://127.0.0.1:PORT"
 //   ...
 //   EXPECT_EQ(emulator.stop(), 0);   // SIGTERM; or let the destructor stop it
 //
-//   const auto run = zrk::test::Process::run("/path/to/zrk", {"--json", "collections"});
+//   const auto run = zrk::testing::ZRKProcess::run("/path/to/zrk", {"--json", "collections"});
 //   // run.status, run.out, run.err
 //
 // Not thread-safe; use one object from one thread.
-#ifndef ZRK_TESTS_PROCESS_H
-#define ZRK_TESTS_PROCESS_H
+#ifndef ZRK_TESTING_ZRKPROCESS_H
+#define ZRK_TESTING_ZRKPROCESS_H
 
 #include <fcntl.h>
 #include <signal.h>
@@ -30,14 +29,14 @@
 #include <iterator>
 #include <stdexcept>
 #include <string>
-#include <thread>
+#include <ctime>
 #include <vector>
 
 extern char** environ;
 
-namespace zrk::test {
+namespace zrk::testing {
 
-class Process {
+class ZRKProcess {
  public:
   struct Result {
     int status;  // as wait() returns it
@@ -47,7 +46,7 @@ class Process {
   // The child's environment is the caller's without its ZRK_* variables, so
   // that the shell's settings cannot leak in, plus `environment`
   // ("NAME=value"). Standard input is /dev/null.
-  Process(const std::string& program, std::vector<std::string> arguments, std::vector<std::string> environment = {}) {
+  ZRKProcess(const std::string& program, std::vector<std::string> arguments, std::vector<std::string> environment = {}) {
     static int serial = 0;
     const auto name = "zrk-process-" + std::to_string(::getpid()) + "-" + std::to_string(++serial);
     out_ = std::filesystem::temp_directory_path() / (name + ".out");
@@ -66,19 +65,19 @@ class Process {
     posix_spawn_file_actions_destroy(&actions);
     if (failed) throw std::runtime_error("cannot start " + program + ": " + std::strerror(failed));
   }
-  ~Process() {
+  ~ZRKProcess() {
     stop();
     std::remove(out_.c_str());
     std::remove(err_.c_str());
   }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
+  ZRKProcess(const ZRKProcess&) = delete;
+  ZRKProcess& operator=(const ZRKProcess&) = delete;
 
   // Runs the program to its end.
   static Result run(const std::string& program, std::vector<std::string> arguments,
                     std::vector<std::string> environment = {},
                     std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
-    Process child(program, std::move(arguments), std::move(environment));
+    ZRKProcess child(program, std::move(arguments), std::move(environment));
     const int status = child.wait(timeout);
     return {status, child.out(), child.err()};
   }
@@ -92,7 +91,7 @@ class Process {
       const auto end = at == std::string::npos ? at : text.find('\n', at);
       if (end != std::string::npos) return text.substr(at + marker.size(), end - at - marker.size());
       if (ended() || std::chrono::steady_clock::now() > deadline) return "";
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      nap(10);
     }
   }
 
@@ -101,7 +100,7 @@ class Process {
   int wait(std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
     for (const auto deadline = std::chrono::steady_clock::now() + timeout; !ended();) {
       if (std::chrono::steady_clock::now() > deadline) ::kill(pid_, SIGKILL);
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      nap(5);
     }
     return status_;
   }
@@ -114,6 +113,10 @@ class Process {
   std::string err() const { return read(err_); }
 
  private:
+  static void nap(long milliseconds) {
+    const timespec duration{0, milliseconds * 1'000'000};
+    ::nanosleep(&duration, nullptr);
+  }
   static std::vector<char*> pointers(std::vector<std::string>& words) {
     std::vector<char*> out;
     for (auto& word : words) out.push_back(word.data());
@@ -139,6 +142,6 @@ class Process {
   std::string out_, err_;
 };
 
-}  // namespace zrk::test
+}  // namespace zrk::testing
 
-#endif  // ZRK_TESTS_PROCESS_H
+#endif  // ZRK_TESTING_ZRKPROCESS_H

@@ -34,8 +34,10 @@ run_tests() {
 }
 
 # The normal tree installs into its own prefix: the packaging check builds
-# consumers against it instead of building the library again.
-build_tree build-test-normal -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+# consumers against it instead of building the library again. -O1 without
+# debug information compiles in about half the time of -O2 -g, with
+# assertions on, and the suite runs as fast.
+build_tree build-test-normal -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1" \
   -DCMAKE_INSTALL_PREFIX="$PWD/build-test-normal/prefix"
 run_tests build-test-normal
 
@@ -48,7 +50,8 @@ CC=clang CXX=clang++ build_tree build-test-asan -DCMAKE_BUILD_TYPE=Debug \
   "${sanitizer_trees[@]}"
 run_tests build-test-asan
 
-build_tree build-test-tsan -DCMAKE_BUILD_TYPE=Debug -DZRK_SANITIZE=thread "${sanitizer_trees[@]}"
+build_tree build-test-tsan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1" \
+  -DZRK_SANITIZE=thread "${sanitizer_trees[@]}"
 run_tests build-test-tsan
 
 stamp "fuzzing"

@@ -9,7 +9,7 @@ if(zrk_library_type STREQUAL "STATIC_LIBRARY")
   # libcurl goes in as a plain -l: through Requires.private, pkg-config
   # --static would also ask for curl's own private libraries, which Debian
   # ships only as shared objects.
-  set(ZRK_PC_REQUIRES_PRIVATE "libturbojpeg spng libhwy")
+  set(ZRK_PC_REQUIRES_PRIVATE "libturbojpeg spng libhwy libutf8proc")
   set(ZRK_PC_LIBS_PRIVATE "-lcurl -pthread")
 else()
   set(ZRK_STATIC_LIBRARY OFF)

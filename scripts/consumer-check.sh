@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and installs the library, shared and static, each into a prefix,
-# and builds a small application against each install:
+# checks that the shared one exports no internal symbol, and builds a small
+# application against each install:
 # once with CMake's find_package and once with a plain compiler line from
 # pkg-config. Runs every application, and checks that the installed library
 # finds its installed catalogs. Also configures a parent project that takes
@@ -45,6 +46,22 @@ run_application() {
   fi
 }
 
+# The shared library exports the public API and nothing of zrk::detail or of
+# the code compiled in from nlohmann/json and Highway.
+check_exports() {
+  local library symbols internal
+  library=$(find "$1" -name 'libzrkapi.so.*.*' | head -n 1)
+  symbols=$(nm -D --defined-only "$library" | c++filt | awk '{ $1 = $2 = ""; print substr($0, 3) }')
+  internal=$(grep -E '^([^ (]+ )?(zrk::detail::|nlohmann::|hwy::|zrk::N_)' <<<"$symbols" || true)
+  if [ -n "$internal" ]; then
+    echo "consumer-check: libzrkapi.so exports internal symbols:" >&2
+    echo "$internal" | head -n 20 >&2
+    return 1
+  fi
+  grep -q '^zrk::ZRKApiClient::sharedClient()$' <<<"$symbols" ||
+    { echo "consumer-check: libzrkapi.so does not export the public API" >&2; return 1; }
+}
+
 check_install() {
   local kind=$1 shared=$2
   local prefix="$work/$kind/prefix" build="$work/$kind/build"
@@ -61,6 +78,7 @@ check_install() {
     quiet cmake --install "$build"
   fi
   ls "$prefix"/share/locale/*/LC_MESSAGES/zrkapi.mo >/dev/null
+  [ "$shared" = ON ] && check_exports "$prefix"
 
   echo "== $kind: find_package(zrkapi)"
   quiet cmake -S tests/packaging/consumer -B "$work/$kind/cmake-app" -G Ninja -DCMAKE_PREFIX_PATH="$prefix"

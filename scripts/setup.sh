@@ -7,7 +7,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config git
   libcurl4-openssl-dev nlohmann-json3-dev
-  libturbojpeg0-dev libspng-dev libhwy-dev
+  libturbojpeg0-dev libspng-dev libhwy-dev libutf8proc-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
   gettext libcli11-dev libsqlite3-dev libopencv-dev clang libglib2.0-dev doxygen libssl-dev zlib1g-dev openssl
 )

@@ -11,6 +11,7 @@
 #include "zrk/ZRKApi.h"
 #include "zrk/ZRKApiError.h"
 #include "zrk/ZRKApiRequest.h"
+#include "zrk/ZRKCollection.h"
 #include "zrk/ZRKDevice.h"
 
 namespace zrk {
@@ -202,8 +203,10 @@ TEST_F(ClientTest, AnotherClientHasItsOwnConfigurationButSendsTheSharedUserId) {
   ZRKApiClient::setUserLocationLatitude(-33.9f, 18.4f);
   EXPECT_EQ(pair(client->defaultHeaders(), "User-Lat"), "-33.900002");
   ZRKApiClient::setUserLocationLatitude(0, 0);
-  ZRKApiClient::setBaseUrl("no url at all");
-  EXPECT_FALSE(client->apiURL());
+  for (const char* notABase : {"no url at all", ""}) {
+    ZRKApiClient::setBaseUrl(notABase);
+    EXPECT_FALSE(client->apiURL()) << notABase;
+  }
 }
 
 TEST_F(ClientTest, DefaultHeadersFollowTheirGatesAndFormats) {
@@ -274,6 +277,27 @@ TEST_F(ClientTest, RedirectsCarryTheFirstRequestsHeaders) {
       EXPECT_EQ(sent[hop].valueForHTTPHeaderField(name), value) << hop << " " << name;
     }
   }
+}
+
+// A client that is not the shared one, released with a request in flight,
+// still restores its headers on a hop to another host, and is let go after.
+TEST_F(ClientTest, AReleasedClientStillCarriesItsHeadersAcrossARedirect) {
+  cacheToken("abc");
+  auto other = ZRKApiClient::initWithConfiguration(ZRKAppConfiguration::init());
+  other->setApiURL(ZRKURL::URLWithString(test::kTestBaseURL));
+  const std::weak_ptr<ZRKApiClient> released = other;
+  auto moved = ZRKScriptedResponse::redirect(307, "https://elsewhere.test/end");
+  moved.delay = 0.1;
+  transport->respond("GET", "/app/v1/collection", moved);
+  transport->respond("GET", "/end", ZRKScriptedResponse::json({{"result", ZRKJson::array()}}));
+  Recorder<std::optional<ZRKCollectionList>, std::optional<ZRKError>> done;
+  other->retrieveCollectionsWithCompletion(done);
+  other.reset();
+  ASSERT_TRUE(done.once());
+  EXPECT_TRUE(done.arg<0>());
+  EXPECT_EQ(transport->requests().back().valueForHTTPHeaderField("Authorization"), "Bearer YWJj");
+  for (int i = 0; i < 500 && !released.expired(); ++i) ZRKMainQueue::mainQueue().runFor(std::chrono::milliseconds(10));
+  EXPECT_TRUE(released.expired());
 }
 
 TEST_F(ClientTest, TheRedirectHookOverwritesWhatTheProposalCarries) {

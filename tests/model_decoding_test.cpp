@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <limits>
+#include <vector>
 
 #include "zrk/ZRKArrayAccessors.h"
 #include "zrk/ZRKCollection.h"
@@ -87,6 +88,16 @@ TEST(ArrayAndStringAccessors, StayWithinBoundsAndCharacters) {
   const std::string family = "\U0001F468\u200D\U0001F469\u200D\U0001F467", se = "\U0001F1F8\U0001F1EA",
                     fi = "\U0001F1EB\U0001F1EE";
   EXPECT_EQ(zrk_reversedString("xe\u0301" + family + se + fi + "\r\n"), "\r\n" + fi + se + family + "e\u0301x");
+  // Whole clusters in every script: Hebrew with points, Arabic with harakat,
+  // Thai vowels, kana with a combining dakuten, Devanagari vowel signs,
+  // Hangul jamo, a ZWJ sequence with a skin tone, a keycap; then a byte that
+  // is not UTF-8, on its own.
+  const std::vector<std::string> clusters = {"\u05E9\u05C1\u05B8", "\u0628\u064E", "\u0E01\u0E34\u0E48", "\u304B\u3099",
+                                             "\u0915\u093F", "\u1100\u1161\u11A8", "\U0001F469\U0001F3FD\u200D\U0001F4BB",
+                                             "1\uFE0F\u20E3", "\xFF", "a"};
+  std::string forward, backward;
+  for (std::size_t i = 0; i < clusters.size(); ++i) forward += clusters[i], backward += clusters[clusters.size() - 1 - i];
+  EXPECT_EQ(zrk_reversedString(forward), backward);
 }
 
 template <class Model>

@@ -3,6 +3,7 @@
 #include <tuple>
 
 #include "zrk/ZRKURL.h"
+#include "zrk/ZRKURLRequest.h"
 #include "zrk/ZRKURLComponents.h"
 #include "zrk/ZRKURLComponentsQuery.h"
 
@@ -108,18 +109,26 @@ TEST(URLComponents, QueryDictionaryLaterItemsWinValuelessItemsRemoveAndTheSetter
   EXPECT_EQ(c.query(), "");
 }
 
-// Follows the receiver only; ignores port, credentials and fragment only.
+// Follows the receiver only; ignores port, credentials and fragment only;
+// host and path compare as decoded text.
 TEST(URLComponents, MatchingFollowsTheReceiverIgnoringPortCredentialsAndFragment) {
   const std::tuple<const char*, const char*, bool> cases[] = {
       {"https://h/p?x=1", "https://h/p?x=1&y=2", true},    {"https://h/p?x=1&y=2", "https://h/p?x=1", false},
       {"https://h/p?y=2&x=1", "https://h/p?x=1&y=2", true}, {"https://h:1/p?x=1#a", "https://u:pw@h:2/p?x=1#b", true},
       {"https://h/p", "https://H/p", false},               {"https://h/p", "HTTPS://h/p", false},
-      {"https://h/p", "https://h/p/", false},              {"https://h/%41", "https://h/A", false},
+      {"https://h/p", "https://h/p/", false},              {"https://h/%41", "https://h/A", true},
       {"//h/p", "//h/p", false},                           {"mailto:a", "mailto:a", false},
       {"https://h/p?x", "https://h/p?x=", false},          {"https://h/p?x=1", "https://h/p?x=1&x=2", false},
-      {"file:///p", "file:///p", true}};
+      {"file:///p", "file:///p", true},                    {"https://h/a%2Fb", "https://h/a/b", true},
+      {"https://h/%2541", "https://h/%41", false}};
   for (const auto& [a, b, expected] : cases)
     EXPECT_EQ(zrk_matchesURLComponents(parsed(a), parsed(b)), expected) << a << " vs " << b;
+}
+
+TEST(HeaderFields, RepeatedNamesCombineInAnyCaseUnderTheFirstSpelling) {
+  const ZRKHTTPHeaderFields fields({{"X-A", "1"}, {"x-b", "2"}, {"x-a", "3"}, {"X-B", ""}, {"X-A", "4"}});
+  EXPECT_EQ(fields.fields(), (std::vector<ZRKHTTPHeaderFields::Field>{{"X-A", "1, 3, 4"}, {"x-b", "2, "}}));
+  EXPECT_EQ(fields.valueForHTTPHeaderField("x-A"), "1, 3, 4");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <regex>
 #include <thread>
 
@@ -225,8 +226,15 @@ TEST(RequestBodies, EachBodySetsItsHeaders) {
   EXPECT_EQ(json.HTTPBody(), R"({"a":[1,null],"b":"é"})");
   EXPECT_EQ(json.valueForHTTPHeaderField("Content-Type"), "application/json");
   EXPECT_EQ(json.allHTTPHeaderFields().size(), 1u);
-  zrk_setJSONPayload(json, {{"bad", "\xff"}});  // no UTF-8, no JSON: no body rather than a broken one
-  EXPECT_FALSE(json.HTTPBody());
+  // What JSON cannot hold goes as no body rather than as other data.
+  const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
+  for (const ZRKJson& payload : {ZRKJson{{"bad", "\xff"}}, ZRKJson{{"a", {1, {{"b", nan}}}}}, ZRKJson{{"i", -inf}},
+                                 ZRKJson("text"), ZRKJson(5), ZRKJson()}) {
+    zrk_setJSONPayload(json, payload);
+    EXPECT_FALSE(json.HTTPBody()) << payload;
+  }
+  zrk_setJSONPayload(json, ZRKJson::array({1.5}));
+  EXPECT_EQ(json.HTTPBody(), "[1.5]");
 
   ZRKURLRequest form;
   zrk_setFormPayload(form, {{"q", "a b"}, {"n", 10}});

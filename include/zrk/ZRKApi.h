@@ -8,6 +8,8 @@
 #ifndef ZRK_ZRKAPI_H
 #define ZRK_ZRKAPI_H
 
+#include "zrk/ZRKExport.h"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,7 +18,7 @@
 
 namespace zrk {
 
-class ZRKApi {
+class ZRK_API ZRKApi {
  public:
   ZRKApi() = delete;
   static std::string apiVersion() { return "v1"; }

@@ -10,6 +10,8 @@
 #ifndef ZRK_ZRKAPIAUTHTOKEN_H
 #define ZRK_ZRKAPIAUTHTOKEN_H
 
+#include "zrk/ZRKExport.h"
+
 #include <functional>
 #include <memory>
 #include <optional>
@@ -23,7 +25,7 @@ namespace zrk {
 // Called with success (true exactly when there is no error) and the error.
 using ZRKAuthCompletion = std::function<void(bool success, std::optional<ZRKError> error)>;
 
-class ZRKApiAuthToken : public ZRKApiResponseDecodable {
+class ZRK_API ZRKApiAuthToken : public ZRKApiResponseDecodable {
  public:
   ZRKApiAuthToken() = default;
 

@@ -10,6 +10,8 @@
 #ifndef ZRK_ZRKAPICLIENT_H
 #define ZRK_ZRKAPICLIENT_H
 
+#include "zrk/ZRKExport.h"
+
 #include <functional>
 #include <map>
 #include <memory>
@@ -52,7 +54,7 @@ enum ZRKUserGender : ZRKUInteger { ZRKUserGenderOther = 1, ZRKUserGenderFemale =
 // The service's address when the application sets none.
 inline constexpr const char* ZRKDefaultBaseURL = "https://api.zrk.cloud";
 
-class ZRKApiClient : public ZRKURLSessionDelegate, public std::enable_shared_from_this<ZRKApiClient> {
+class ZRK_API ZRKApiClient : public ZRKURLSessionDelegate, public std::enable_shared_from_this<ZRKApiClient> {
  public:
   static void initialize() {}
   static std::string apiVersion() { return "v1"; }
@@ -71,8 +73,8 @@ class ZRKApiClient : public ZRKURLSessionDelegate, public std::enable_shared_fro
   static void setUserAge(ZRKInteger age);
   static void setUserGender(ZRKUInteger gender);
   static void setUserLocationLatitude(float latitude, float longitude);
-  // A string that is no URL leaves the base unset; requests then fail with
-  // ZRKURLErrorBadURL.
+  // A string that is no URL, or is empty, leaves the base unset; requests
+  // then fail with ZRKURLErrorBadURL.
   static void setBaseUrl(std::string_view baseUrl);
   // The configuration every client's session is made with, created once.
   static std::shared_ptr<ZRKURLSessionConfiguration> sharedUrlSessionConfiguration();

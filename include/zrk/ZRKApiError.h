@@ -12,6 +12,8 @@
 #ifndef ZRK_ZRKAPIERROR_H
 #define ZRK_ZRKAPIERROR_H
 
+#include "zrk/ZRKExport.h"
+
 #include <optional>
 #include <string>
 
@@ -20,10 +22,10 @@
 
 namespace zrk {
 
-extern const std::string ZRKDomain;
-extern const std::string ZRKErrorMessageKey;  // ZRKDomain + ":ErrorMessageKey"
-extern const std::string ZRKErrorCodeKey;     // ZRKDomain + ":ErrorCodeKey"
-extern const std::string ZRKErrorDetailKey;   // ZRKDomain + ":ErrorDetailKey"
+extern ZRK_API const std::string ZRKDomain;
+extern ZRK_API const std::string ZRKErrorMessageKey;  // ZRKDomain + ":ErrorMessageKey"
+extern ZRK_API const std::string ZRKErrorCodeKey;     // ZRKDomain + ":ErrorCodeKey"
+extern ZRK_API const std::string ZRKErrorDetailKey;   // ZRKDomain + ":ErrorDetailKey"
 
 inline constexpr long ZRKErrorCodeFailedToParseResponse = 32;
 inline constexpr long ZRKErrorCodeConnection = 300;
@@ -32,18 +34,18 @@ inline constexpr long ZRKErrorCodeConnection = 300;
 class ZRKApiError {};
 
 // The localized "There was an unexpected error -- try again in a few seconds".
-std::string zrk_unexpectedErrorMessage();
+ZRK_API std::string zrk_unexpectedErrorMessage();
 // Code 32.
-ZRKError zrk_genericFailedToParseResponseError();
+ZRK_API ZRKError zrk_genericFailedToParseResponseError();
 // Code 300.
-ZRKError zrk_genericConnectionError();
+ZRK_API ZRKError zrk_genericConnectionError();
 // The error a decoded response body describes: nullopt when there is no body,
 // it is no object, or its "code" is missing, not a number or numeric
 // string, or -1.
-std::optional<ZRKError> zrk_errorFromAPIResponse(const ZRKJson* response);
+ZRK_API std::optional<ZRKError> zrk_errorFromAPIResponse(const ZRKJson* response);
 
 // Does nothing; referring to it keeps this unit in a static link.
-void linkNSErrorCategory();
+ZRK_API void linkNSErrorCategory();
 
 }  // namespace zrk
 

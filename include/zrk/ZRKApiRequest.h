@@ -27,6 +27,8 @@
 #ifndef ZRK_ZRKAPIREQUEST_H
 #define ZRK_ZRKAPIREQUEST_H
 
+#include "zrk/ZRKExport.h"
+
 #include <functional>
 #include <memory>
 #include <optional>
@@ -48,7 +50,7 @@ using ZRKApiRequestCompletion = std::function<void(std::shared_ptr<ZRKApiRespons
                                                    std::shared_ptr<const ZRKHTTPURLResponse> response,
                                                    std::optional<ZRKError> error)>;
 
-class ZRKApiRequest {
+class ZRK_API ZRKApiRequest {
  public:
   using Task = std::shared_ptr<ZRKURLSessionDataTask>;
   using Deserializers = std::vector<ZRKDeserializer>;

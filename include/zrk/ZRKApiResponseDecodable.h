@@ -10,6 +10,8 @@
 #ifndef ZRK_ZRKAPIRESPONSEDECODABLE_H
 #define ZRK_ZRKAPIRESPONSEDECODABLE_H
 
+#include "zrk/ZRKExport.h"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,7 +20,7 @@
 
 namespace zrk {
 
-class ZRKApiResponseDecodable {
+class ZRK_API ZRKApiResponseDecodable {
  public:
   virtual ~ZRKApiResponseDecodable() = default;
 
@@ -33,7 +35,7 @@ class ZRKApiResponseDecodable {
 // Implemented by a deserializer that wants to be picked from a list of
 // several by the body's "object" member (ZRKApiRequest.h). The library's own
 // models do not implement it.
-class ZRKObjectNaming {
+class ZRK_API ZRKObjectNaming {
  public:
   virtual ~ZRKObjectNaming() = default;
   virtual std::string zrkObject() const = 0;

@@ -7,13 +7,15 @@
 #ifndef ZRK_ZRKAPPCONFIGURATION_H
 #define ZRK_ZRKAPPCONFIGURATION_H
 
+#include "zrk/ZRKExport.h"
+
 #include <memory>
 #include <optional>
 #include <string>
 
 namespace zrk {
 
-class ZRKAppConfiguration : public std::enable_shared_from_this<ZRKAppConfiguration> {
+class ZRK_API ZRKAppConfiguration : public std::enable_shared_from_this<ZRKAppConfiguration> {
  public:
   static void initialize() {}
   // The process's configuration, created on first use.

@@ -10,19 +10,21 @@
 #ifndef ZRK_ZRKARRAYACCESSORS_H
 #define ZRK_ZRKARRAYACCESSORS_H
 
+#include "zrk/ZRKExport.h"
+
 #include "zrk/ZRKJson.h"
 
 namespace zrk {
 
 // The element at index when 0 <= index < size, else nullptr.
-const ZRKJson* zrk_boundSafeObjectAtIndex(const ZRKJson& array, ZRKInteger index);
+ZRK_API const ZRKJson* zrk_boundSafeObjectAtIndex(const ZRKJson& array, ZRKInteger index);
 
 // A copy without nulls at any depth: null elements are dropped (later ones
 // move up, order is kept) and nested objects and arrays lose theirs too.
-ZRKJson zrk_arrayByRemovingNulls(const ZRKJson& array);
+ZRK_API ZRKJson zrk_arrayByRemovingNulls(const ZRKJson& array);
 
 // Does nothing; referenced so that static linking keeps this unit.
-void linkNSArrayCategory();
+ZRK_API void linkNSArrayCategory();
 
 }  // namespace zrk
 

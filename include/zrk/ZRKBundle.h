@@ -14,6 +14,8 @@
 #ifndef ZRK_ZRKBUNDLE_H
 #define ZRK_ZRKBUNDLE_H
 
+#include "zrk/ZRKExport.h"
+
 #include <memory>
 #include <string>
 #include <string_view>
@@ -24,7 +26,7 @@ namespace detail {
 class MessageCatalog;
 }  // namespace detail
 
-class ZRKBundle {
+class ZRK_API ZRKBundle {
  public:
   // The application's catalogs. An application does not declare which
   // languages it speaks, so it is taken to speak the user's.

@@ -4,15 +4,17 @@
 #ifndef ZRK_ZRKCATEGORYLOADER_H
 #define ZRK_ZRKCATEGORYLOADER_H
 
+#include "zrk/ZRKExport.h"
+
 namespace zrk {
 
-void linkNSErrorCategory();
-void linkNSDictionaryCategory();
-void linkNSMutableURLRequestCategory();
-void linkNSStringCategory();
-void linkNSArrayCategory();
+ZRK_API void linkNSErrorCategory();
+ZRK_API void linkNSDictionaryCategory();
+ZRK_API void linkNSMutableURLRequestCategory();
+ZRK_API void linkNSStringCategory();
+ZRK_API void linkNSArrayCategory();
 
-class ZRKCategoryLoader {
+class ZRK_API ZRKCategoryLoader {
  public:
   ZRKCategoryLoader() = delete;
   static void loadCategories();

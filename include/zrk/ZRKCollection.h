@@ -16,6 +16,8 @@
 #ifndef ZRK_ZRKCOLLECTION_H
 #define ZRK_ZRKCOLLECTION_H
 
+#include "zrk/ZRKExport.h"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,7 +28,7 @@
 
 namespace zrk {
 
-class ZRKCollection : public ZRKApiResponseDecodable {
+class ZRK_API ZRKCollection : public ZRKApiResponseDecodable {
  public:
   ZRKCollection() = default;
   ~ZRKCollection() override = default;
@@ -68,7 +70,7 @@ class ZRKCollection : public ZRKApiResponseDecodable {
 using ZRKCollectionList = std::vector<std::shared_ptr<ZRKCollection>>;
 
 // One answer of the collections listing.
-class ZRKCollectionsAPIResponse : public ZRKApiResponseDecodable {
+class ZRK_API ZRKCollectionsAPIResponse : public ZRKApiResponseDecodable {
  public:
   ZRKCollectionsAPIResponse() = default;
   ~ZRKCollectionsAPIResponse() override = default;

@@ -3,12 +3,14 @@
 #ifndef ZRK_ZRKDEVICE_H
 #define ZRK_ZRKDEVICE_H
 
+#include "zrk/ZRKExport.h"
+
 #include <optional>
 #include <string>
 
 namespace zrk {
 
-class ZRKDevice {
+class ZRK_API ZRKDevice {
  public:
   // The operating system's version: VERSION_ID of os-release, else the
   // kernel release.

@@ -2,13 +2,15 @@
 #ifndef ZRK_ZRKDISPATCHFUNCTIONS_H
 #define ZRK_ZRKDISPATCHFUNCTIONS_H
 
+#include "zrk/ZRKExport.h"
+
 #include <functional>
 
 namespace zrk {
 
 // On the main thread, runs the callback at once, before returning; on any
 // other thread, posts it to the main queue (ZRKMainQueue.h) and returns.
-void zrkDispatchToMainThreadIfNecessary(std::function<void()> callback);
+ZRK_API void zrkDispatchToMainThreadIfNecessary(std::function<void()> callback);
 
 }  // namespace zrk
 

@@ -9,6 +9,8 @@
 #ifndef ZRK_ZRKERROR_H
 #define ZRK_ZRKERROR_H
 
+#include "zrk/ZRKExport.h"
+
 #include <ostream>
 #include <string>
 #include <utility>
@@ -36,7 +38,7 @@ inline constexpr long ZRKURLErrorTooManyRedirects = 47;
 inline constexpr long ZRKURLErrorBadServerResponse = 8;  // a reply the transport could not read
 inline constexpr long ZRKURLErrorResponseTooLarge = 63;  // body over the session's limit
 
-struct ZRKError {
+struct ZRK_API ZRKError {
   std::string domain;
   long code = 0;
   ZRKJson userInfo = ZRKJson::object();
@@ -52,7 +54,7 @@ struct ZRKError {
   friend bool operator==(const ZRKError&, const ZRKError&) = default;
 };
 
-std::ostream& operator<<(std::ostream& os, const ZRKError& error);
+ZRK_API std::ostream& operator<<(std::ostream& os, const ZRKError& error);
 
 }  // namespace zrk
 

@@ -16,6 +16,8 @@
 #ifndef ZRK_ZRKFORMENCODER_H
 #define ZRK_ZRKFORMENCODER_H
 
+#include "zrk/ZRKExport.h"
+
 #include <map>
 #include <memory>
 #include <optional>
@@ -30,7 +32,7 @@
 namespace zrk {
 
 // One "field=value" of a query; both sides already escaped.
-class ZRKQueryStringPair {
+class ZRK_API ZRKQueryStringPair {
  public:
   ZRKQueryStringPair() = default;
   ZRKQueryStringPair(std::optional<std::string> field, std::optional<std::string> value)
@@ -52,20 +54,20 @@ class ZRKQueryStringPair {
   std::optional<std::string> value_;
 };
 
-std::string ZRKPercentEscapedStringFromString(std::string_view string);
+ZRK_API std::string ZRKPercentEscapedStringFromString(std::string_view string);
 // The value with every string in it escaped, keys included; null becomes "",
 // booleans "true"/"false", numbers their escaped decimal text.
-ZRKJson ZRKPercentEscapedObject(const ZRKJson& value);
+ZRK_API ZRKJson ZRKPercentEscapedObject(const ZRKJson& value);
 // "" for null or anything that is no object.
-std::string ZRKQueryStringFromParameters(const ZRKJson& parameters);
-std::vector<ZRKQueryStringPair> ZRKQueryStringPairsFromKeyAndValue(std::string_view key, const ZRKJson& value);
+ZRK_API std::string ZRKQueryStringFromParameters(const ZRKJson& parameters);
+ZRK_API std::vector<ZRKQueryStringPair> ZRKQueryStringPairsFromKeyAndValue(std::string_view key, const ZRKJson& value);
 
 class ZRKFormEncodable;
 
 // A property value as a form-encodable object hands it out: nothing, a JSON
 // value (null included, which is something), another form-encodable object,
 // or an array or dictionary of such values.
-class ZRKFormValue {
+class ZRK_API ZRKFormValue {
  public:
   enum class Kind { nothing, json, object, array, dictionary };
 
@@ -95,7 +97,7 @@ class ZRKFormValue {
 };
 
 // A model object that can be sent as form or query parameters.
-class ZRKFormEncodable {
+class ZRK_API ZRKFormEncodable {
  public:
   virtual ~ZRKFormEncodable() = default;
 
@@ -121,7 +123,7 @@ class ZRKFormEncodable {
   ZRKJson additionalAPIParameters_ = ZRKJson::object();
 };
 
-class ZRKFormEncoder {
+class ZRK_API ZRKFormEncoder {
  public:
   // "user_first_name" gives "userFirstName": the first piece as it is, each
   // later piece with its first letter upper case and the rest lower case

@@ -41,6 +41,8 @@
 #ifndef ZRK_ZRKFUTURE_H
 #define ZRK_ZRKFUTURE_H
 
+#include "zrk/ZRKExport.h"
+
 #include <chrono>
 #include <exception>
 #include <functional>
@@ -79,11 +81,10 @@ enum class ZRKFutureStatus {
 template <class T>
 class ZRKFuture;
 
-namespace detail {
-
 // The untyped part of a future's state: its lock, its waiters and the
 // continuations of the coroutines that await it. Safe from any thread.
-class ZRKFutureCore {
+// Exported for the templates below; not meant to be used on its own.
+class ZRK_API ZRKFutureCore {
  public:
   ZRKFutureCore();
   ~ZRKFutureCore();
@@ -110,6 +111,8 @@ class ZRKFutureCore {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+namespace detail {
 
 template <class T>
 class ZRKFutureState final : public ZRKFutureCore {
@@ -202,7 +205,7 @@ class ZRKFuture {
 // The client's operations with futures instead of completions. Each takes
 // the arguments of the operation of the same name on ZRKApiClient, less the
 // completion. Holds the client; safe to use from any thread.
-class ZRKFutureClient {
+class ZRK_API ZRKFutureClient {
  public:
   // The shared client.
   ZRKFutureClient();

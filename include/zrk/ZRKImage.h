@@ -13,6 +13,8 @@
 #ifndef ZRK_ZRKIMAGE_H
 #define ZRK_ZRKIMAGE_H
 
+#include "zrk/ZRKExport.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -22,7 +24,7 @@
 
 namespace zrk {
 
-struct ZRKSize {
+struct ZRK_API ZRKSize {
   double width = 0;
   double height = 0;
   friend bool operator==(const ZRKSize&, const ZRKSize&) = default;
@@ -34,7 +36,7 @@ struct ZRKSize {
 // the stored pixels turn a quarter clockwise to stand up.
 enum class ZRKImageOrientation { up, down, left, right, upMirrored, downMirrored, leftMirrored, rightMirrored };
 
-class ZRKImage {
+class ZRK_API ZRKImage {
  public:
   // Non-premultiplied RGBA, 4 bytes a pixel, rows without padding; nullptr
   // when the buffer does not hold exactly width x height pixels or a side is
@@ -87,14 +89,20 @@ class ZRKImage {
 // (Lanczos-3 class, covering every source pixel when reducing). nullptr when
 // a side comes out as 0, the result would pass the limits of imageWithData,
 // or the image cannot be decoded.
-std::shared_ptr<ZRKImage> zrk_imageScaledToFitSize(const ZRKImage& image, ZRKSize size);
-std::shared_ptr<ZRKImage> zrk_imageScaledToFitSize(const ZRKImage& image, ZRKSize size, double scale);
+ZRK_API std::shared_ptr<ZRKImage> zrk_imageScaledToFitSize(const ZRKImage& image, ZRKSize size);
+ZRK_API std::shared_ptr<ZRKImage> zrk_imageScaledToFitSize(const ZRKImage& image, ZRKSize size, double scale);
 
 // The image as a baseline JPEG, turned upright, with 4:2:0 chroma, without
 // EXIF and without alpha (the colour channels are written as stored).
 // Quality from 0.0 to 1.0 becomes libjpeg's round(quality * 100), kept within
 // 1-100. nullopt when the image cannot be decoded.
-std::optional<std::string> ZRKImageJPEGRepresentation(const ZRKImage& image, double compressionQuality);
+ZRK_API std::optional<std::string> ZRKImageJPEGRepresentation(const ZRKImage& image, double compressionQuality);
+
+// The JPEG that a scan of the image uploads: turned upright, at most 1000
+// pixels on its longer side, quality 100 (what `zrk prepare` writes). For
+// an application that shows or keeps what it sends; nullopt when the image
+// cannot be scaled or encoded.
+ZRK_API std::optional<std::string> ZRKScanUploadJPEG(const ZRKImage& image);
 
 }  // namespace zrk
 

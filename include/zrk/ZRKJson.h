@@ -3,8 +3,8 @@
 // The library reads and writes JSON as nlohmann::json. An object is a
 // dictionary whose keys are kept sorted by byte value, which is the
 // case-sensitive order the query encoder needs; is_boolean() tells a true
-// boolean from the numbers 0 and 1; null stands for the platform's null
-// object. "Nothing" (no value at all) is an absent pointer or optional.
+// boolean from the numbers 0 and 1; null is the JSON null, a value that is
+// there. "Nothing" (no value at all) is an absent pointer or optional.
 #ifndef ZRK_ZRKJSON_H
 #define ZRK_ZRKJSON_H
 
@@ -17,7 +17,7 @@ namespace zrk {
 
 using ZRKJson = nlohmann::json;
 
-// The platform word-size integers of the service's models.
+// Integers of the machine's word size, as the service's models hold them.
 using ZRKInteger = std::ptrdiff_t;
 using ZRKUInteger = std::size_t;
 

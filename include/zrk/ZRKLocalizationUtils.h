@@ -15,6 +15,8 @@
 #ifndef ZRK_ZRKLOCALIZATIONUTILS_H
 #define ZRK_ZRKLOCALIZATIONUTILS_H
 
+#include "zrk/ZRKExport.h"
+
 #include <memory>
 #include <string>
 #include <string_view>
@@ -23,14 +25,14 @@
 
 namespace zrk {
 
-class ZRKLocalizationUtils {
+class ZRK_API ZRKLocalizationUtils {
  public:
   // The translation of the key into the process's language, or the key
   // itself when there is none.
   static std::string localizedStringForKey(std::string_view key);
 };
 
-class ZRKBundleLocator {
+class ZRK_API ZRKBundleLocator {
  public:
   // The library's catalogs; never null (the main bundle is the last resort).
   static std::shared_ptr<const ZRKBundle> ZRKResourcesBundle();

@@ -16,6 +16,8 @@
 #ifndef ZRK_ZRKMAINQUEUE_H
 #define ZRK_ZRKMAINQUEUE_H
 
+#include "zrk/ZRKExport.h"
+
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -23,14 +25,14 @@
 namespace zrk {
 
 // Something that runs callbacks asynchronously.
-class ZRKDispatchQueue {
+class ZRK_API ZRKDispatchQueue {
  public:
   virtual ~ZRKDispatchQueue() = default;
   // Runs the callback later, never before this call returns.
   virtual void async(std::function<void()> callback) = 0;
 };
 
-class ZRKMainQueue final : public ZRKDispatchQueue {
+class ZRK_API ZRKMainQueue final : public ZRKDispatchQueue {
  public:
   // The one main queue of the process.
   static ZRKMainQueue& mainQueue();
@@ -57,7 +59,7 @@ class ZRKMainQueue final : public ZRKDispatchQueue {
   void runFor(std::chrono::milliseconds duration);
 
   // A descriptor that polls readable while callbacks are waiting; drain()
-  // resets it. -1 where the platform has none.
+  // resets it. -1 where the system offers no such descriptor.
   int fileDescriptor() const;
 
   // Hands each posted callback's wake-up to the host's own loop: the
@@ -78,7 +80,7 @@ class ZRKMainQueue final : public ZRKDispatchQueue {
 
 // A small fixed pool of worker threads of default priority, for work that
 // must not run on the caller's or the main thread.
-class ZRKGlobalQueue final : public ZRKDispatchQueue {
+class ZRK_API ZRKGlobalQueue final : public ZRKDispatchQueue {
  public:
   static ZRKGlobalQueue& globalQueue();
   void async(std::function<void()> callback) override;

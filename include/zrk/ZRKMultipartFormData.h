@@ -19,13 +19,15 @@
 #ifndef ZRK_ZRKMULTIPARTFORMDATA_H
 #define ZRK_ZRKMULTIPARTFORMDATA_H
 
+#include "zrk/ZRKExport.h"
+
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace zrk {
 
-class ZRKMultipartFormDataPart {
+class ZRK_API ZRKMultipartFormDataPart {
  public:
   // Content bytes; an absent buffer writes an empty content.
   const std::optional<std::string>& data() const { return data_; }
@@ -50,7 +52,7 @@ class ZRKMultipartFormDataPart {
   std::optional<std::string> contentType_;
 };
 
-class ZRKMultipartFormDataEncoder {
+class ZRK_API ZRKMultipartFormDataEncoder {
  public:
   // "ZRKApi-iOS-" and a fresh upper-case random UUID: 47 characters, new on
   // every call. Safe from any thread.

@@ -5,6 +5,8 @@
 #ifndef ZRK_ZRKREQUESTBODIES_H
 #define ZRK_ZRKREQUESTBODIES_H
 
+#include "zrk/ZRKExport.h"
+
 #include <string>
 #include <string_view>
 
@@ -15,24 +17,26 @@ namespace zrk {
 
 // Appends "?" (or "&" when the URL has a query already) and the query string
 // of the parameters, also when that is empty.
-void zrk_addParametersToURL(ZRKURLRequest& request, const ZRKJson& parameters);
+ZRK_API void zrk_addParametersToURL(ZRKURLRequest& request, const ZRKJson& parameters);
 
-// "Content-Type: application/json" and the compact JSON text as the body; a
-// value that cannot be written as JSON (a string that is not UTF-8) leaves
-// the body absent.
-void zrk_setJSONPayload(ZRKURLRequest& request, const ZRKJson& payload);
+// "Content-Type: application/json" and the compact JSON text as the body.
+// A payload that cannot be written as JSON leaves the body absent rather
+// than send other data than the caller gave: a top level that is neither
+// object nor array, a number that is NaN or infinite, a string that is not
+// UTF-8.
+ZRK_API void zrk_setJSONPayload(ZRKURLRequest& request, const ZRKJson& payload);
 
 // The query string of the parameters as the body, "Content-Length" and
 // "Content-Type: application/x-www-form-urlencoded".
-void zrk_setFormPayload(ZRKURLRequest& request, const ZRKJson& parameters);
+ZRK_API void zrk_setFormPayload(ZRKURLRequest& request, const ZRKJson& parameters);
 
 // The bytes as the body, "Content-Length" and
 // "Content-Type: multipart/form-data; boundary=<boundary>". Pass the boundary
 // the body was built with (see ZRKMultipartFormData.h).
-void zrk_setMultipartFormData(ZRKURLRequest& request, std::string body, std::string_view boundary);
+ZRK_API void zrk_setMultipartFormData(ZRKURLRequest& request, std::string body, std::string_view boundary);
 
 // Does nothing; referring to it keeps this unit in a static link.
-void linkNSMutableURLRequestCategory();
+ZRK_API void linkNSMutableURLRequestCategory();
 
 }  // namespace zrk
 

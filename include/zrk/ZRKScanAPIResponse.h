@@ -9,6 +9,8 @@
 #ifndef ZRK_ZRKSCANAPIRESPONSE_H
 #define ZRK_ZRKSCANAPIRESPONSE_H
 
+#include "zrk/ZRKExport.h"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,7 +20,7 @@
 
 namespace zrk {
 
-class ZRKScanAPIResponse : public ZRKApiResponseDecodable {
+class ZRK_API ZRKScanAPIResponse : public ZRKApiResponseDecodable {
  public:
   ZRKScanAPIResponse() = default;
   ~ZRKScanAPIResponse() override = default;

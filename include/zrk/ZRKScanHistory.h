@@ -14,6 +14,8 @@
 #ifndef ZRK_ZRKSCANHISTORY_H
 #define ZRK_ZRKSCANHISTORY_H
 
+#include "zrk/ZRKExport.h"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,7 +27,7 @@
 namespace zrk {
 
 // One past scan.
-class ZRKScanHistory : public ZRKApiResponseDecodable {
+class ZRK_API ZRKScanHistory : public ZRKApiResponseDecodable {
  public:
   ZRKScanHistory() = default;
   ~ZRKScanHistory() override = default;
@@ -86,7 +88,7 @@ class ZRKScanHistory : public ZRKApiResponseDecodable {
 using ZRKScanHistoryList = std::vector<std::shared_ptr<ZRKScanHistory>>;
 
 // One page of the history.
-class ZRKScanHistoryAPIResponse : public ZRKApiResponseDecodable {
+class ZRK_API ZRKScanHistoryAPIResponse : public ZRKApiResponseDecodable {
  public:
   ZRKScanHistoryAPIResponse() = default;
   ~ZRKScanHistoryAPIResponse() override = default;

@@ -10,6 +10,8 @@
 #ifndef ZRK_ZRKSTRINGACCESSORS_H
 #define ZRK_ZRKSTRINGACCESSORS_H
 
+#include "zrk/ZRKExport.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,24 +22,26 @@ namespace zrk {
 
 // The first min(index, length) units; an index past the end gives the whole
 // string. A character that the index would cut in half is left out.
-std::string zrk_safeSubstringToIndex(std::string_view string, ZRKUInteger index);
+ZRK_API std::string zrk_safeSubstringToIndex(std::string_view string, ZRKUInteger index);
 
 // The text from index on; "" when index >= length. A character that the index
 // would cut in half is left out.
-std::string zrk_safeSubstringFromIndex(std::string_view string, ZRKUInteger index);
+ZRK_API std::string zrk_safeSubstringFromIndex(std::string_view string, ZRKUInteger index);
 
-// The user-perceived characters in reverse order. A base character keeps its
-// combining marks, variation selectors and emoji modifiers, a ZWJ sequence
-// and a regional-indicator flag stay whole, and CR LF stays CR LF.
-std::string zrk_reversedString(std::string_view string);
+// The user-perceived characters (Unicode's extended grapheme clusters) in
+// reverse order, so that none is split: a letter keeps its marks and vowel
+// signs in every script, Hangul jamo stay one syllable, flags and ZWJ emoji
+// sequences stay whole, and CR LF stays CR LF. A byte that is not UTF-8 is a
+// character of its own.
+ZRK_API std::string zrk_reversedString(std::string_view string);
 
 // The string without suffix when it ends with it; otherwise (or with no
 // suffix) the string unchanged.
-std::string zrk_stringByRemovingSuffix(std::string_view string,
+ZRK_API std::string zrk_stringByRemovingSuffix(std::string_view string,
                                        std::optional<std::string_view> suffix);
 
 // Does nothing; referenced so that static linking keeps this unit.
-void linkNSStringCategory();
+ZRK_API void linkNSStringCategory();
 
 }  // namespace zrk
 

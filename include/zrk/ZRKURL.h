@@ -10,6 +10,8 @@
 #ifndef ZRK_ZRKURL_H
 #define ZRK_ZRKURL_H
 
+#include "zrk/ZRKExport.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,7 +19,7 @@
 
 namespace zrk {
 
-class ZRKURL {
+class ZRK_API ZRKURL {
  public:
   // nullopt when the string is no URL.
   static std::optional<ZRKURL> URLWithString(std::string_view string);
@@ -32,7 +34,7 @@ class ZRKURL {
   std::optional<std::string> query() const;
   std::optional<std::string> fragment() const;
 
-  // Appends one path component the way the platform does: exactly one "/"
+  // Appends one path component: exactly one "/"
   // between the existing path and the component, the "/" inside the
   // component kept, and every character a path may not hold ("?", "#", "%",
   // space, ...) percent-encoded. A query or fragment of the receiver stays

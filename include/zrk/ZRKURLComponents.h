@@ -21,6 +21,8 @@
 #ifndef ZRK_ZRKURLCOMPONENTS_H
 #define ZRK_ZRKURLCOMPONENTS_H
 
+#include "zrk/ZRKExport.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,14 +34,14 @@ namespace zrk {
 
 // One "name=value" pair of a query, in plain (decoded) text. An item without
 // a value stands in the query as its name alone, without "=".
-struct ZRKURLQueryItem {
+struct ZRK_API ZRKURLQueryItem {
   std::string name;
   std::optional<std::string> value;
 
   friend bool operator==(const ZRKURLQueryItem&, const ZRKURLQueryItem&) = default;
 };
 
-class ZRKURLComponents {
+class ZRK_API ZRKURLComponents {
  public:
   // Components of nothing: URL() of them is the empty relative reference.
   ZRKURLComponents() = default;

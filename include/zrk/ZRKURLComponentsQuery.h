@@ -6,6 +6,8 @@
 #ifndef ZRK_ZRKURLCOMPONENTSQUERY_H
 #define ZRK_ZRKURLCOMPONENTSQUERY_H
 
+#include "zrk/ZRKExport.h"
+
 #include "zrk/ZRKJson.h"
 #include "zrk/ZRKURLComponents.h"
 
@@ -17,7 +19,7 @@ namespace zrk {
 // query gives {}. Escapes that decode to bytes that are not UTF-8 ("%FF")
 // stay such bytes, which ZRKJson::dump() refuses unless given an error
 // handler.
-ZRKJson zrk_queryItemsDictionary(const ZRKURLComponents& components);
+ZRK_API ZRKJson zrk_queryItemsDictionary(const ZRKURLComponents& components);
 
 // Replaces the whole query with one item per entry, in the object's (sorted)
 // key order. Strings are the values as they are; numbers and booleans their
@@ -25,20 +27,21 @@ ZRKJson zrk_queryItemsDictionary(const ZRKURLComponents& components);
 // null an item without a value ("name" alone, which the getter reads back as
 // no entry). Anything but an object counts as an empty dictionary, and an
 // empty dictionary leaves an empty query ("...?").
-void setZrk_queryItemsDictionary(ZRKURLComponents& components, const ZRKJson& dictionary);
+ZRK_API void setZrk_queryItemsDictionary(ZRKURLComponents& components, const ZRKJson& dictionary);
 
 // Whether b is the URL that a describes: the same scheme, host and path
-// (compared exactly, case and percent escapes included; a missing scheme or
-// host never matches, an empty path matches an empty path), and every query
+// (host and path percent-decoded, so "%41" matches "A", then compared
+// exactly, case included; a missing scheme or host never matches, an empty
+// path matches an empty path), and every query
 // item of a found in b with the same decoded value. Port, user, password and
 // fragment are ignored, b may have items that a lacks, their order does not
 // matter, and an item of a without a value matches nothing: the relation is
 // not symmetric.
-bool zrk_matchesURLComponents(const ZRKURLComponents& a, const ZRKURLComponents& b);
+ZRK_API bool zrk_matchesURLComponents(const ZRKURLComponents& a, const ZRKURLComponents& b);
 
 // Does nothing; calling it keeps this unit in a static link (see
 // ZRKCategoryLoader.h).
-void linkNSURLComponentsCategory();
+ZRK_API void linkNSURLComponentsCategory();
 
 }  // namespace zrk
 

@@ -11,6 +11,8 @@
 #ifndef ZRK_ZRKURLREQUEST_H
 #define ZRK_ZRKURLREQUEST_H
 
+#include "zrk/ZRKExport.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,9 +26,15 @@ namespace zrk {
 // Header fields in the order they were first set, looked up by name without
 // regard to letter case. A message carries a handful of fields, so a flat
 // vector with a linear scan beats any map here.
-class ZRKHTTPHeaderFields {
+class ZRK_API ZRKHTTPHeaderFields {
  public:
   using Field = std::pair<std::string, std::string>;
+
+  ZRKHTTPHeaderFields() = default;
+  // The fields in order, a repeated name (in any case) combined as
+  // addValue() combines it; in time linear in their number, however many
+  // distinct names an answer brings.
+  explicit ZRKHTTPHeaderFields(std::vector<Field> fields);
 
   std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const;
   // nullopt removes the field.
@@ -44,7 +52,7 @@ class ZRKHTTPHeaderFields {
   std::vector<Field> fields_;
 };
 
-class ZRKURLRequest {
+class ZRK_API ZRKURLRequest {
  public:
   ZRKURLRequest() = default;
   // A request for the URL; nullopt makes a request that fails with
@@ -90,7 +98,7 @@ class ZRKURLRequest {
 
 // What the server answered: the status, the header fields and the URL that
 // answered (the last one when redirects were followed).
-class ZRKHTTPURLResponse {
+class ZRK_API ZRKHTTPURLResponse {
  public:
   ZRKHTTPURLResponse(std::optional<ZRKURL> url, long statusCode, std::string httpVersion,
                      ZRKHTTPHeaderFields headers)

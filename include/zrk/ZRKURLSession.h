@@ -27,6 +27,8 @@
 #ifndef ZRK_ZRKURLSESSION_H
 #define ZRK_ZRKURLSESSION_H
 
+#include "zrk/ZRKExport.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -55,7 +57,7 @@ struct TaskState;
 
 // Settings shared by the tasks of a session. Read when a transfer starts, so
 // changes affect later transfers only.
-struct ZRKURLSessionConfiguration {
+struct ZRK_API ZRKURLSessionConfiguration {
   // Seconds without any bytes moving before a transfer fails with
   // ZRKURLErrorTimedOut (a request's own timeoutInterval wins when set).
   double timeoutIntervalForRequest = 60;
@@ -82,7 +84,7 @@ struct ZRKURLSessionConfiguration {
 };
 
 // What a session asks of its owner. Calls arrive on the delegate queue.
-class ZRKURLSessionDelegate {
+class ZRK_API ZRKURLSessionDelegate {
  public:
   virtual ~ZRKURLSessionDelegate() = default;
   // The session is about to follow a redirect to `request`. Call the handler
@@ -94,7 +96,7 @@ class ZRKURLSessionDelegate {
                                           std::function<void(std::optional<ZRKURLRequest>)> completionHandler);
 };
 
-class ZRKURLSessionDataTask : public std::enable_shared_from_this<ZRKURLSessionDataTask> {
+class ZRK_API ZRKURLSessionDataTask : public std::enable_shared_from_this<ZRKURLSessionDataTask> {
  public:
   using CompletionHandler = std::function<void(std::optional<std::string> data,
                                                std::shared_ptr<const ZRKHTTPURLResponse> response,
@@ -125,11 +127,13 @@ class ZRKURLSessionDataTask : public std::enable_shared_from_this<ZRKURLSessionD
   std::shared_ptr<detail::TaskState> state_;
 };
 
-class ZRKURLSession : public std::enable_shared_from_this<ZRKURLSession> {
+class ZRK_API ZRKURLSession : public std::enable_shared_from_this<ZRKURLSession> {
  public:
   // A session with the configuration (nullptr takes the defaults), the
-  // delegate (held weakly, may be empty) and the queue on which delegate calls
-  // and completion handlers run (nullptr takes the global worker pool).
+  // delegate (held weakly, may be empty; a resumed task holds it until its
+  // completion has run, so an owner released meanwhile still sees its task's
+  // redirects) and the queue on which delegate calls and completion handlers
+  // run (nullptr takes the global worker pool).
   static std::shared_ptr<ZRKURLSession> sessionWithConfiguration(
       std::shared_ptr<ZRKURLSessionConfiguration> configuration,
       std::weak_ptr<ZRKURLSessionDelegate> delegate = {}, ZRKDispatchQueue* delegateQueue = nullptr);

@@ -11,6 +11,8 @@
 #ifndef ZRK_ZRKURLTRANSPORT_H
 #define ZRK_ZRKURLTRANSPORT_H
 
+#include "zrk/ZRKExport.h"
+
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -25,7 +27,7 @@ struct ZRKURLSessionConfiguration;
 // The session's side of one exchange. Calls may come from any thread but
 // never two at once; after didComplete, or after didReceiveData returned
 // false, the transport makes no more calls.
-class ZRKURLTransportClient {
+class ZRK_API ZRKURLTransportClient {
  public:
   virtual ~ZRKURLTransportClient() = default;
   // Bytes moved in either direction (the idle time-out starts over).
@@ -40,7 +42,7 @@ class ZRKURLTransportClient {
 };
 
 // One exchange in flight.
-class ZRKURLTransportExchange {
+class ZRK_API ZRKURLTransportExchange {
  public:
   virtual ~ZRKURLTransportExchange() = default;
   // Stops the exchange; the client may still get calls already under way,
@@ -48,7 +50,7 @@ class ZRKURLTransportExchange {
   virtual void cancel() = 0;
 };
 
-class ZRKURLTransport {
+class ZRK_API ZRKURLTransport {
  public:
   virtual ~ZRKURLTransport() = default;
   // Starts moving `request` (an http or https URL) and returns at once. The

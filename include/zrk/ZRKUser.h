@@ -14,6 +14,8 @@
 #ifndef ZRK_ZRKUSER_H
 #define ZRK_ZRKUSER_H
 
+#include "zrk/ZRKExport.h"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,7 +24,7 @@
 
 namespace zrk {
 
-class ZRKUser {
+class ZRK_API ZRKUser {
  public:
   ZRKUser() = default;
   // Reads "name", "email", "password", "birthdate", "gender" and "avatar";

@@ -10,6 +10,8 @@
 #ifndef ZRK_ZRKUSERAPIRESPONSE_H
 #define ZRK_ZRKUSERAPIRESPONSE_H
 
+#include "zrk/ZRKExport.h"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,7 +21,7 @@
 
 namespace zrk {
 
-class ZRKUserAPIResponse : public ZRKApiResponseDecodable {
+class ZRK_API ZRKUserAPIResponse : public ZRKApiResponseDecodable {
  public:
   ZRKUserAPIResponse() = default;
   ~ZRKUserAPIResponse() override = default;

@@ -3,13 +3,15 @@
 #ifndef ZRK_ZRKUSERSESSION_H
 #define ZRK_ZRKUSERSESSION_H
 
+#include "zrk/ZRKExport.h"
+
 #include <memory>
 #include <optional>
 #include <string>
 
 namespace zrk {
 
-class ZRKUserSession {
+class ZRK_API ZRKUserSession {
  public:
   static std::shared_ptr<ZRKUserSession> currentSession();
   // Sets the shared session's token to "".

@@ -59,7 +59,10 @@ void ZRKApiClient::setUserLocationLatitude(float latitude, float longitude) {
   client->setUserLng(longitude);
 }
 
-void ZRKApiClient::setBaseUrl(std::string_view baseUrl) { sharedClient()->setApiURL(ZRKURL::URLWithString(baseUrl)); }
+void ZRKApiClient::setBaseUrl(std::string_view baseUrl) {
+  // "" is a URL reference but no base: requests then fail as with any other non-URL.
+  sharedClient()->setApiURL(baseUrl.empty() ? std::nullopt : ZRKURL::URLWithString(baseUrl));
+}
 
 std::shared_ptr<ZRKURLSessionConfiguration> ZRKApiClient::sharedUrlSessionConfiguration() {
   static const auto configuration = ZRKURLSessionConfiguration::defaultSessionConfiguration();
@@ -75,8 +78,8 @@ std::shared_ptr<ZRKApiClient> ZRKApiClient::initWithConfiguration(std::shared_pt
   Fields& f = *client->fields_;
   f.apiURL = ZRKURL::URLWithString(ZRKDefaultBaseURL);
   f.configuration = std::move(configuration);
-  // The session holds its delegate weakly, so a client that is let go is
-  // destroyed even while the session lives on in tasks in flight.
+  // The session holds its delegate weakly and each task in flight strongly:
+  // a client that is let go still sees its redirects, then is destroyed.
   f.urlSession = ZRKURLSession::sessionWithConfiguration(sharedUrlSessionConfiguration(), client,
                                                          &ZRKMainQueue::mainQueue());
   return client;

@@ -6,7 +6,6 @@
 #include "zrk/ZRKMainQueue.h"
 
 namespace zrk {
-namespace detail {
 
 struct ZRKFutureCore::Impl {
   mutable std::mutex mutex;
@@ -105,8 +104,6 @@ void ZRKFutureCore::abandon() {
   }
   impl_->finish(ZRKFutureStatus::silent);
 }
-
-}  // namespace detail
 
 namespace {
 

@@ -56,8 +56,12 @@ void setZrk_queryItemsDictionary(ZRKURLComponents& components, const ZRKJson& di
 
 bool zrk_matchesURLComponents(const ZRKURLComponents& a, const ZRKURLComponents& b) {
   if (!equalAndPresent(a.scheme(), b.scheme())) return false;
-  if (!equalAndPresent(a.host(), b.host())) return false;
-  if (a.path() != b.path()) return false;
+  // Host and path as text, not as escapes: "%41" and "A" name the same resource.
+  const auto decoded = [](const std::optional<std::string>& text) {
+    return text ? std::optional(detail::percentDecoded(*text)) : std::nullopt;
+  };
+  if (!equalAndPresent(decoded(a.host()), decoded(b.host()))) return false;
+  if (detail::percentDecoded(a.path()) != detail::percentDecoded(b.path())) return false;
   const auto items = a.queryItems();
   if (!items) return true;
   const ZRKJson dictionary = zrk_queryItemsDictionary(b);

@@ -24,3 +24,9 @@ std::optional<std::string> scanUploadJPEG(const ZRKImage& image) {
 }
 
 }  // namespace zrk::detail
+
+namespace zrk {
+
+std::optional<std::string> ZRKScanUploadJPEG(const ZRKImage& image) { return detail::scanUploadJPEG(image); }
+
+}  // namespace zrk

@@ -57,7 +57,7 @@ ZRKInteger IntegerFromDouble(double value) {
   return static_cast<ZRKInteger>(value);
 }
 
-// The platform's integerValue of a number (or boolean).
+// A number (or boolean) as an integer: truncated toward zero, saturated.
 ZRKInteger IntegerFromNumber(const ZRKJson& number) {
   if (number.is_boolean()) return number.get<bool>() ? 1 : 0;
   if (number.is_number_unsigned()) {
@@ -256,7 +256,7 @@ double zrk_doubleValue(std::string_view text) {
     ++pos;
   }
   // Delimit the decimal text ourselves so that from_chars never sees what
-  // the platform would not read ("inf", "nan", hex) and no sign it rejects.
+  // the rules refuse ("inf", "nan", hex) and no sign they reject.
   const std::size_t start = pos;
   std::size_t digits = 0;
   for (; pos < text.size() && detail::IsDigit(text[pos]); ++pos) ++digits;

@@ -1,6 +1,9 @@
 #include "zrk/ZRKStringAccessors.h"
 
+#include <utf8proc.h>
+
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -52,24 +55,6 @@ Unit DecodeAt(std::string_view text, std::size_t pos) {
   return {size, code_point, true};
 }
 
-bool InRange(char32_t c, char32_t first, char32_t last) { return c >= first && c <= last; }
-
-bool IsRegionalIndicator(char32_t c) { return InRange(c, 0x1F1E6, 0x1F1FF); }
-
-// Characters that belong to the character before them.
-bool IsExtender(char32_t c) {
-  return InRange(c, 0x0300, 0x036F) ||    // combining diacritical marks
-         InRange(c, 0x1AB0, 0x1AFF) ||    // ... extended
-         InRange(c, 0x1DC0, 0x1DFF) ||    // ... supplement
-         InRange(c, 0x20D0, 0x20FF) ||    // ... for symbols (incl. the keycap)
-         InRange(c, 0xFE20, 0xFE2F) ||    // combining half marks
-         InRange(c, 0xFE00, 0xFE0F) ||    // variation selectors
-         InRange(c, 0xE0100, 0xE01EF) ||  // ... supplement
-         InRange(c, 0x1F3FB, 0x1F3FF) ||  // emoji skin-tone modifiers
-         InRange(c, 0xE0020, 0xE007F) ||  // tags (subdivision flags)
-         c == 0x200D;                     // ZWJ; it also pulls in what follows
-}
-
 }  // namespace
 }  // namespace detail
 
@@ -99,29 +84,22 @@ std::string zrk_safeSubstringFromIndex(std::string_view string, ZRKUInteger inde
 
 std::string zrk_reversedString(std::string_view string) {
   std::vector<std::size_t> starts;
-  bool after_zwj = false;
-  bool after_line_break = false;
-  bool after_cr = false;
-  bool open_flag = false;  // the last character is a lone regional indicator
+  // Unicode's extended grapheme cluster rules, from utf8proc; the state
+  // carries what a pair alone cannot tell (flags, ZWJ emoji sequences).
+  utf8proc_int32_t state = 0;
+  std::optional<char32_t> previous;  // absent at the start and after a byte that is not UTF-8
   for (std::size_t pos = 0; pos < string.size();) {
     const detail::Unit unit = detail::DecodeAt(string, pos);
-    const char32_t c = unit.code_point;
-    const bool line_break = unit.valid && (c == '\r' || c == '\n');
-    bool joins = false;
-    if (!starts.empty() && unit.valid) {
-      if (after_line_break || line_break) {
-        joins = after_cr && c == '\n';
-      } else {
-        joins = after_zwj || detail::IsExtender(c) ||
-                (open_flag && detail::IsRegionalIndicator(c));
-      }
-    }
+    const bool joins = previous && unit.valid &&
+                       !utf8proc_grapheme_break_stateful(static_cast<utf8proc_int32_t>(*previous),
+                                                         static_cast<utf8proc_int32_t>(unit.code_point), &state);
     if (!joins) starts.push_back(pos);
-    const bool regional = unit.valid && detail::IsRegionalIndicator(c);
-    open_flag = regional && !(open_flag && joins);
-    after_zwj = unit.valid && c == 0x200D;
-    after_cr = unit.valid && c == '\r';
-    after_line_break = line_break;
+    if (unit.valid) {
+      previous = unit.code_point;
+    } else {
+      previous.reset();
+      state = 0;
+    }
     pos += unit.size;
   }
   std::string reversed;

@@ -51,8 +51,9 @@ struct Transfer {
   // The blank line that ends the final header block has arrived.
   bool headersComplete = false;
   std::string httpVersion;
-  ZRKHTTPHeaderFields responseHeaders;
-  std::string lastHeaderName;
+  // As they arrive; combined once at the end, so that many distinct names
+  // cost linear time.
+  std::vector<ZRKHTTPHeaderFields::Field> responseFields;
   char errorBuffer[CURL_ERROR_SIZE] = {};
 
   ~Transfer() {
@@ -87,8 +88,7 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
   t->client->didMoveBytes();
   if (line.substr(0, 5) == "HTTP/") {
     // A new status line: an interim 1xx answer's fields are not the final ones.
-    t->responseHeaders = ZRKHTTPHeaderFields();
-    t->lastHeaderName.clear();
+    t->responseFields.clear();
     t->httpVersion = std::string(line.substr(0, line.find(' ')));
     t->headersComplete = false;
     return n;
@@ -99,11 +99,10 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
   }
   if (line.front() == ' ' || line.front() == '\t') {
     // An obsolete folded line continues the previous field.
-    if (!t->lastHeaderName.empty()) {
-      auto value = t->responseHeaders.valueForHTTPHeaderField(t->lastHeaderName).value_or("");
+    if (!t->responseFields.empty()) {
+      auto& value = t->responseFields.back().second;
       value += ' ';
       value += trim(line);
-      t->responseHeaders.setValue(std::move(value), t->lastHeaderName);
     }
     return n;
   }
@@ -111,8 +110,7 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
   if (colon == std::string_view::npos) return n;
   const std::string name(trim(line.substr(0, colon)));
   if (name.empty()) return n;
-  t->responseHeaders.addValue(std::string(trim(line.substr(colon + 1))), name);
-  t->lastHeaderName = name;
+  t->responseFields.emplace_back(name, std::string(trim(line.substr(colon + 1))));
   return n;
 }
 
@@ -280,7 +278,7 @@ void CurlLoop::done(CURL* easy, CURLcode result) {
   long status = 0;
   curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
   t->client->didComplete(std::make_shared<const ZRKHTTPURLResponse>(t->request.URL(), status, t->httpVersion,
-                                                                    std::move(t->responseHeaders)),
+                                                                    ZRKHTTPHeaderFields(std::move(t->responseFields))),
                          std::nullopt);
 }
 

@@ -32,6 +32,27 @@ void appendPercentEncoded(std::string& out, std::string_view bytes, Keep keep) {
   }
 }
 
+// Each complete "%XX" escape as its byte; anything else as it stands.
+inline std::string percentDecoded(std::string_view text) {
+  const auto hex = [](char c) -> int {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  };
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '%' && i + 2 < text.size() && hex(text[i + 1]) >= 0 && hex(text[i + 2]) >= 0) {
+      out += static_cast<char>(hex(text[i + 1]) * 16 + hex(text[i + 2]));
+      i += 2;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
 // The shortest decimal text that reads back as the same JSON number ("1"
 // for 1.0, "0.1", "1e+20").
 std::string shortestDecimal(const ZRKJson& number);

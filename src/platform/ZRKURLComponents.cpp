@@ -10,11 +10,6 @@ namespace {
 
 using namespace detail;  // the character classes
 
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return c - 'A' + 10;
-}
 // What each component may hold unescaped (RFC 3986, section 3).
 bool userCharacter(unsigned char c) { return isUnreserved(c) || isSubDelim(c); }
 bool passwordCharacter(unsigned char c) { return userCharacter(c) || c == ':'; }
@@ -54,20 +49,6 @@ template <typename Keep>
 std::optional<std::string> escaped(std::optional<std::string_view> text, Keep keep) {
   if (!text) return std::nullopt;
   return escaped(*text, keep);
-}
-
-std::string percentDecoded(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '%' && i + 2 < text.size() && isHex(text[i + 1]) && isHex(text[i + 2])) {
-      out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
-      i += 2;
-    } else {
-      out += text[i];
-    }
-  }
-  return out;
 }
 
 std::string queryItemText(std::string_view text) {

@@ -1,4 +1,6 @@
 #include "zrk/ZRKURLRequest.h"
+
+#include <unordered_map>
 #include "platform/ZRKText.h"
 
 #include <algorithm>
@@ -22,6 +24,23 @@ void ZRKHTTPHeaderFields::setValue(std::optional<std::string> value, std::string
     it->second = std::move(*value);
   } else {
     fields_.emplace_back(std::string(name), std::move(*value));
+  }
+}
+
+ZRKHTTPHeaderFields::ZRKHTTPHeaderFields(std::vector<Field> fields) {
+  std::unordered_map<std::string, std::size_t> seen;  // lower-cased name -> index in fields_
+  seen.reserve(fields.size());
+  for (auto& [name, value] : fields) {
+    std::string key = name;
+    for (char& c : key) c = (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c;
+    const auto [it, added] = seen.try_emplace(std::move(key), fields_.size());
+    if (added) {
+      fields_.emplace_back(std::move(name), std::move(value));
+    } else {
+      auto& combined = fields_[it->second].second;
+      combined += ", ";
+      combined += value;
+    }
   }
 }
 

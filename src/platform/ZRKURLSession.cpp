@@ -88,6 +88,9 @@ struct TaskState : std::enable_shared_from_this<TaskState> {
   Clock::time_point lastProgress;                         // guarded by mutex
   Clock::duration idle{};                                 // guarded by mutex
   int redirects = 0;                                      // guarded by mutex
+  // Held from resume to completion: a task in flight keeps its delegate (a
+  // client nobody else holds) alive for its redirects, and lets it go after.
+  std::shared_ptr<ZRKURLSessionDelegate> delegate;        // guarded by mutex
 
   bool completed() {
     std::lock_guard lock(mutex);
@@ -99,6 +102,7 @@ struct TaskState : std::enable_shared_from_this<TaskState> {
               std::optional<ZRKError> error) {
     ZRKURLSessionDataTask::CompletionHandler h;
     std::shared_ptr<ZRKURLTransportExchange> wire;
+    std::shared_ptr<ZRKURLSessionDelegate> keep;
     {
       std::lock_guard lock(mutex);
       if (state == ZRKURLSessionDataTask::State::completed) return;
@@ -107,13 +111,16 @@ struct TaskState : std::enable_shared_from_this<TaskState> {
       handler = nullptr;
       wire = std::move(exchange);
       exchange = nullptr;
+      keep = std::move(delegate);
       ++hop;
     }
     if (wire) wire->cancel();
     if (!h) return;
-    session->delegateQueue().async(
-        [h = std::move(h), data = std::move(data), response = std::move(response),
-         error = std::move(error)]() mutable { h(std::move(data), std::move(response), std::move(error)); });
+    // The delegate goes with the completion, so it outlives the call.
+    session->delegateQueue().async([h = std::move(h), data = std::move(data), response = std::move(response),
+                                    error = std::move(error), keep = std::move(keep)]() mutable {
+      h(std::move(data), std::move(response), std::move(error));
+    });
   }
 
   void start(std::shared_ptr<ZRKURLSessionDataTask> task, ZRKURLRequest request);
@@ -297,7 +304,11 @@ void TaskState::redirect(std::shared_ptr<ZRKURLSessionDataTask> task, const ZRKU
       self->finish(std::move(*body), std::move(response), std::nullopt);
     }
   };
-  auto delegate = session->delegate();
+  std::shared_ptr<ZRKURLSessionDelegate> delegate;
+  {
+    std::lock_guard lock(mutex);
+    delegate = this->delegate;
+  }
   if (!delegate) {
     decided(std::move(proposal));
     return;
@@ -330,6 +341,7 @@ void ZRKURLSessionDataTask::resume() {
     std::lock_guard lock(state_->mutex);
     if (state_->state != State::suspended) return;
     state_->state = State::running;
+    state_->delegate = state_->session->delegate();
   }
   const double limit = state_->session->configuration()->timeoutIntervalForResource;
   if (limit > 0) {

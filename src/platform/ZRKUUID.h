@@ -1,4 +1,4 @@
-// UUID text in the platform's spelling: 36 upper-case hex digits and dashes.
+// UUID text as the service sees it in boundaries: 36 upper-case hex digits and dashes.
 #ifndef ZRK_PLATFORM_ZRKUUID_H
 #define ZRK_PLATFORM_ZRKUUID_H
 

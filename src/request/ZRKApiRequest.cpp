@@ -93,15 +93,7 @@ ZRKApiRequest::Task ZRKApiRequest::getWithAPIClient(const std::shared_ptr<ZRKApi
                                                     ZRKDeserializer deserializer, ZRKApiRequestCompletion completion) {
   ZRKURLRequest request = requestFor(*client, endpoint);
   if (hasKeys(parameters)) zrk_addParametersToURL(request, parameters);
-  auto task = client->urlSession()->dataTaskWithRequest(
-      std::move(request), [deserializer = std::move(deserializer), completion = std::move(completion)](
-                              std::optional<std::string> data, std::shared_ptr<const ZRKHTTPURLResponse> response,
-                              std::optional<ZRKError> error) mutable {
-        parseResponse(std::move(response), data, std::move(error), single(std::move(deserializer)),
-                      std::move(completion));
-      });
-  task->resume();
-  return task;
+  return send(*client, std::move(request), single(std::move(deserializer)), std::move(completion));
 }
 
 ZRKApiRequest::Task ZRKApiRequest::deleteWithAPIClient(const std::shared_ptr<ZRKApiClient>& client,

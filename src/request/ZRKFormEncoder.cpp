@@ -10,7 +10,7 @@ bool staysUnescaped(unsigned char c) {
          c == '_' || c == '~' || c == '/' || c == '?';
 }
 
-// A number's text as the platform describes it: a boolean is the number 1 or 0.
+// A number's text where it is rendered unescaped: a boolean is the number 1 or 0.
 std::string numberDescription(const ZRKJson& number) {
   if (number.is_boolean()) return number.get<bool>() ? "1" : "0";
   return detail::shortestDecimal(number);

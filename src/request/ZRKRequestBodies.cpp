@@ -1,5 +1,7 @@
 #include "zrk/ZRKRequestBodies.h"
 
+#include <cmath>
+
 #include "zrk/ZRKFormEncoder.h"
 
 namespace zrk {
@@ -12,8 +14,26 @@ void zrk_addParametersToURL(ZRKURLRequest& request, const ZRKJson& parameters) {
   request.setURL(ZRKURL::URLWithString(text));
 }
 
+namespace {
+
+// The JSON writer would put null for these, silently.
+bool hasNonFiniteNumber(const ZRKJson& value) {
+  if (value.is_number_float()) return !std::isfinite(value.get<double>());
+  if (!value.is_structured()) return false;
+  for (const auto& element : value) {
+    if (hasNonFiniteNumber(element)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
 void zrk_setJSONPayload(ZRKURLRequest& request, const ZRKJson& payload) {
   request.setValue("application/json", "Content-Type");
+  if (!payload.is_structured() || hasNonFiniteNumber(payload)) {
+    request.setHTTPBody(std::nullopt);
+    return;
+  }
   try {
     request.setHTTPBody(payload.dump());
   } catch (const ZRKJson::exception&) {

@@ -11,7 +11,6 @@
 
 #include "Waiting.h"
 // prepare writes what a scan uploads, so it uses the library's own sizing.
-#include "endpoints/ZRKScanUpload.h"
 #include "zrk/ZRKApi.h"
 #include "zrk/ZRKCollection.h"
 #include "zrk/ZRKImage.h"
@@ -174,7 +173,7 @@ ExitStatus runPrepare(const Invocation& in, Console& console) {
     console.problem(in.image + " is not a readable JPEG or PNG file");
     return kUsageError;
   }
-  const auto jpeg = detail::scanUploadJPEG(*image);
+  const auto jpeg = ZRKScanUploadJPEG(*image);
   if (!jpeg) {
     console.problem(in.image + " cannot be decoded");
     return kUsageError;

@@ -15,6 +15,8 @@
 #ifndef ZRK_TESTING_ZRKMEMORYTRANSPORT_H
 #define ZRK_TESTING_ZRKMEMORYTRANSPORT_H
 
+#include "zrk/ZRKExport.h"
+
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -31,7 +33,7 @@
 namespace zrk::testing {
 
 // One scripted answer: a response, or a transport error, after a delay.
-struct ZRKScriptedResponse {
+struct ZRK_API ZRKScriptedResponse {
   long statusCode = 200;
   ZRKHTTPHeaderFields headerFields;
   std::string body;
@@ -52,7 +54,7 @@ struct ZRKScriptedResponse {
   static ZRKScriptedResponse silence();
 };
 
-class ZRKMemoryTransport final : public ZRKURLTransport,
+class ZRK_API ZRKMemoryTransport final : public ZRKURLTransport,
                                  public std::enable_shared_from_this<ZRKMemoryTransport> {
  public:
   static std::shared_ptr<ZRKMemoryTransport> create();

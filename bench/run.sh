@@ -40,7 +40,7 @@ OUT=$BUILD/results
 CPU=$(( $(nproc) > 1 ? 1 : 0 ))
 cmake -S . -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZRK_BUILD_TESTS=OFF -DZRK_BUILD_TOOLS=OFF \
   -DZRK_BUILD_EMULATOR=OFF -DZRK_BUILD_EXAMPLES=OFF >/dev/null
-cmake --build "$BUILD" --target zrkapi_bench zrkapi_image_compare zrkapi_request_bench -j2
+cmake --build "$BUILD" --target zrkapi_bench zrkapi_image_compare zrkapi_request_bench zrkapi_memory_bench -j2
 mkdir -p "$OUT"
 
 {
@@ -60,5 +60,8 @@ taskset -c "$CPU" "$BUILD/bin/zrkapi_bench" --benchmark_repetitions="$RUNS" --be
 
 echo "== requests against raw libcurl (server on CPU 0, clients on CPU 1)"
 "$BUILD/bin/zrkapi_request_bench" --repetitions 5 --json "$OUT/requests.json" | tee "$OUT/requests.txt"
+
+echo "== peak memory of one large answer"
+"$BUILD/bin/zrkapi_memory_bench" 16 50 63 | tee "$OUT/memory.txt"
 
 echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)" | tee -a "$OUT/machine.txt"

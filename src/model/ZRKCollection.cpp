@@ -1,6 +1,7 @@
 #include "zrk/ZRKCollection.h"
 
 #include "zrk/ZRKDictionaryAccessors.h"
+#include "model/ZRKNullRemoval.h"
 
 namespace zrk {
 namespace {
@@ -8,11 +9,11 @@ namespace {
 // The page decodes its elements into ZRKCollection itself, never a subclass.
 std::shared_ptr<ZRKCollection> decodeCollection(const ZRKJson& value) {
   if (!value.is_object()) return nullptr;
-  const ZRKJson fields = zrk_dictionaryByRemovingNulls(value);
+  detail::WithoutNulls without(value);
   auto collection = std::make_shared<ZRKCollection>();
-  collection->setCollectionId(zrk_stringForKey(fields, "id"));
-  collection->setImageUrl(zrk_stringForKey(fields, "imageUrl"));
-  collection->setName(zrk_stringForKey(fields, "name"));
+  collection->setCollectionId(without.takeString("id"));
+  collection->setImageUrl(without.takeString("imageUrl"));
+  collection->setName(without.takeString("name"));
   return collection;
 }
 
@@ -38,7 +39,8 @@ std::shared_ptr<ZRKApiResponseDecodable> ZRKCollectionsAPIResponse::decodedObjec
     const ZRKJson* response) const {
   if (!response || !response->is_object()) return nullptr;
   // No "code" test here: an error body fails only for want of a "result".
-  const ZRKJson fields = zrk_dictionaryByRemovingNulls(*response);
+  detail::WithoutNulls without(*response);
+  const ZRKJson& fields = *without;
   const ZRKJson* result = zrk_arrayForKey(fields, "result");
   const ZRKInteger total = zrk_intForKey(fields, "total", 0);
   if (!result) return nullptr;

@@ -148,6 +148,27 @@ ZRKJson CopyRemovingNulls(const ZRKJson& container) {
   return result;
 }
 
+bool HasNull(const ZRKJson& value) {
+  // Iterative, for the same reason as the copy above.
+  std::vector<const ZRKJson*> pending{&value};
+  while (!pending.empty()) {
+    const ZRKJson* current = pending.back();
+    pending.pop_back();
+    if (current->is_null()) return true;
+    if (current->is_structured()) {
+      for (const ZRKJson& child : *current) pending.push_back(&child);
+    }
+  }
+  return false;
+}
+
+std::optional<std::string> WithoutNulls::takeString(std::string_view key) {
+  if (!copy_) return zrk_stringForKey(*value_, key);
+  ZRKJson* found = copy_->is_object() && copy_->contains(key) ? &(*copy_)[std::string(key)] : nullptr;
+  if (!found || !found->is_string()) return std::nullopt;
+  return std::move(found->get_ref<std::string&>());
+}
+
 }  // namespace detail
 
 const ZRKJson* zrk_arrayForKey(const ZRKJson& dictionary, std::string_view key) {

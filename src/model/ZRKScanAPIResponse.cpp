@@ -1,26 +1,28 @@
 #include "zrk/ZRKScanAPIResponse.h"
 
 #include "zrk/ZRKDictionaryAccessors.h"
+#include "model/ZRKNullRemoval.h"
 
 namespace zrk {
 
 std::shared_ptr<ZRKApiResponseDecodable> ZRKScanAPIResponse::decodedObjectFromAPIResponse(
     const ZRKJson* response) const {
   if (!response || !response->is_object()) return nullptr;
-  const ZRKJson fields = zrk_dictionaryByRemovingNulls(*response);
+  detail::WithoutNulls without(*response);
+  const ZRKJson& fields = *without;
   // Any value under "code", even 0 or "", marks an error body.
   if (fields.contains("code")) return nullptr;
 
   auto scan = newInstance();
-  scan->scanId_ = zrk_stringForKey(fields, "id");
-  scan->thumbnailUrl_ = zrk_stringForKey(fields, "thumbnailUrl");
-  scan->payloadUrl_ = zrk_stringForKey(fields, "payloadUrl");
-  scan->payloadData_ = zrk_stringForKey(fields, "payloadData");
+  scan->scanId_ = without.takeString("id");
+  scan->thumbnailUrl_ = without.takeString("thumbnailUrl");
+  scan->payloadUrl_ = without.takeString("payloadUrl");
+  scan->payloadData_ = without.takeString("payloadData");
   scan->score_ = zrk_intForKey(fields, "score", 0);
   scan->timestamp_ = zrk_intForKey(fields, "timestamp", 0);
   scan->frame_ = zrk_intForKey(fields, "frame", 0);
-  scan->triggerId_ = zrk_stringForKey(fields, "triggerId");
-  scan->triggerName_ = zrk_stringForKey(fields, "triggerName");
+  scan->triggerId_ = without.takeString("triggerId");
+  scan->triggerName_ = without.takeString("triggerName");
   if (const ZRKJson* ocr = zrk_arrayForKey(fields, "ocr")) scan->ocrData_ = *ocr;
   scan->triggerType_ = static_cast<ZRKUInteger>(zrk_intForKey(fields, "triggerType", 0));
   scan->triggerFps_ = zrk_intForKey(fields, "triggerFps", 0);

@@ -1,6 +1,7 @@
 #include "zrk/ZRKScanHistory.h"
 
 #include "zrk/ZRKDictionaryAccessors.h"
+#include "model/ZRKNullRemoval.h"
 
 namespace zrk {
 namespace {
@@ -8,15 +9,16 @@ namespace {
 // The page decodes its elements into ZRKScanHistory itself, never a subclass.
 std::shared_ptr<ZRKScanHistory> decodeScanHistory(const ZRKJson& value) {
   if (!value.is_object()) return nullptr;
-  const ZRKJson fields = zrk_dictionaryByRemovingNulls(value);
+  detail::WithoutNulls without(value);
+  const ZRKJson& fields = *without;
   auto entry = std::make_shared<ZRKScanHistory>();
-  entry->setScanId(zrk_stringForKey(fields, "scanId"));
-  entry->setCampaignId(zrk_stringForKey(fields, "campaignId"));
+  entry->setScanId(without.takeString("scanId"));
+  entry->setCampaignId(without.takeString("campaignId"));
   entry->setTimestamp(zrk_intForKey(fields, "timestamp", 0));
   entry->setMatched(zrk_boolForKey(fields, "matched", false));
-  entry->setImageUrl(zrk_stringForKey(fields, "imageUrl"));
-  entry->setThumbnailUrl(zrk_stringForKey(fields, "thumbnailUrl"));
-  entry->setPayloadUrl(zrk_stringForKey(fields, "payloadUrl"));
+  entry->setImageUrl(without.takeString("imageUrl"));
+  entry->setThumbnailUrl(without.takeString("thumbnailUrl"));
+  entry->setPayloadUrl(without.takeString("payloadUrl"));
   // The service's positions are kept as whole degrees, by design.
   entry->setLat(std::to_string(zrk_intForKey(fields, "lat", 0)));
   entry->setLng(std::to_string(zrk_intForKey(fields, "lng", 0)));
@@ -46,7 +48,8 @@ std::shared_ptr<ZRKScanHistory> ZRKScanHistory::copy() const {
 std::shared_ptr<ZRKApiResponseDecodable> ZRKScanHistoryAPIResponse::decodedObjectFromAPIResponse(
     const ZRKJson* response) const {
   if (!response || !response->is_object()) return nullptr;
-  const ZRKJson fields = zrk_dictionaryByRemovingNulls(*response);
+  detail::WithoutNulls without(*response);
+  const ZRKJson& fields = *without;
   // Any value under "code", even 0 or "", marks an error body.
   if (fields.contains("code")) return nullptr;
   const ZRKJson* result = zrk_arrayForKey(fields, "result");

@@ -1,6 +1,7 @@
 #include "zrk/ZRKUserAPIResponse.h"
 
 #include "zrk/ZRKDictionaryAccessors.h"
+#include "model/ZRKNullRemoval.h"
 
 namespace zrk {
 namespace {
@@ -12,17 +13,17 @@ std::string orNull(const std::optional<std::string>& value) { return value ? *va
 std::shared_ptr<ZRKApiResponseDecodable> ZRKUserAPIResponse::decodedObjectFromAPIResponse(
     const ZRKJson* response) const {
   if (!response || !response->is_object()) return nullptr;
-  const ZRKJson fields = zrk_dictionaryByRemovingNulls(*response);
+  detail::WithoutNulls fields(*response);
   // Any value under "code", even 0 or "", marks an error body.
-  if (fields.contains("code")) return nullptr;
+  if ((*fields).contains("code")) return nullptr;
 
   auto user = newInstance();
-  user->email_ = zrk_stringForKey(fields, "email");
-  user->name_ = zrk_stringForKey(fields, "name");
-  user->gender_ = zrk_stringForKey(fields, "gender");
-  user->birthdate_ = zrk_stringForKey(fields, "birthdate");
-  user->avatar_ = zrk_stringForKey(fields, "avatar");
-  user->token_ = zrk_stringForKey(fields, "token");
+  user->email_ = fields.takeString("email");
+  user->name_ = fields.takeString("name");
+  user->gender_ = fields.takeString("gender");
+  user->birthdate_ = fields.takeString("birthdate");
+  user->avatar_ = fields.takeString("avatar");
+  user->token_ = fields.takeString("token");
   return user;
 }
 

@@ -20,13 +20,18 @@ ZRKURLRequest requestFor(const ZRKApiClient& client, std::string_view endpoint) 
   return client.configuredRequestForURL(url);
 }
 
+void parseAndDecode(std::shared_ptr<const ZRKHTTPURLResponse> response, const std::optional<std::string>& body,
+                    std::optional<std::string>* release, std::optional<ZRKError> error,
+                    const ZRKApiRequest::Deserializers& deserializers, ZRKApiRequestCompletion completion);
+
 ZRKApiRequest::Task send(const ZRKApiClient& client, ZRKURLRequest request, ZRKApiRequest::Deserializers deserializers,
                          ZRKApiRequestCompletion completion) {
   auto task = client.urlSession()->dataTaskWithRequest(
       std::move(request), [deserializers = std::move(deserializers), completion = std::move(completion)](
                               std::optional<std::string> data, std::shared_ptr<const ZRKHTTPURLResponse> response,
                               std::optional<ZRKError> error) mutable {
-        ZRKApiRequest::parseResponse(std::move(response), data, std::move(error), deserializers, std::move(completion));
+        // The body is ours: it goes as soon as it is parsed.
+        parseAndDecode(std::move(response), data, &data, std::move(error), deserializers, std::move(completion));
       });
   task->resume();
   return task;
@@ -129,6 +134,16 @@ ZRKApiRequest::Task ZRKApiRequest::patchWithAPIClient(const std::shared_ptr<ZRKA
 void ZRKApiRequest::parseResponse(std::shared_ptr<const ZRKHTTPURLResponse> response,
                                   const std::optional<std::string>& body, std::optional<ZRKError> error,
                                   const Deserializers& deserializers, ZRKApiRequestCompletion completion) {
+  parseAndDecode(std::move(response), body, nullptr, std::move(error), deserializers, std::move(completion));
+}
+
+namespace {
+
+// parseResponse; `release`, when given, is the body's owner, emptied once the
+// text is parsed so that a large answer is not held twice while it decodes.
+void parseAndDecode(std::shared_ptr<const ZRKHTTPURLResponse> response, const std::optional<std::string>& body,
+                    std::optional<std::string>* release, std::optional<ZRKError> error,
+                    const ZRKApiRequest::Deserializers& deserializers, ZRKApiRequestCompletion completion) {
   const auto finish = [&](std::shared_ptr<ZRKApiResponseDecodable> object, std::optional<ZRKError> failure) {
     if (!completion) return;
     zrkDispatchToMainThreadIfNecessary(
@@ -141,6 +156,7 @@ void ZRKApiRequest::parseResponse(std::shared_ptr<const ZRKHTTPURLResponse> resp
 
   const std::optional<ZRKJson> json = detail::parseJSONObjectBody(body);
   const ZRKJson* parsed = json ? &*json : nullptr;
+  if (release) release->reset();
 
   const ZRKApiResponseDecodable* chosen = nullptr;
   if (deserializers.size() == 1) {
@@ -161,5 +177,7 @@ void ZRKApiRequest::parseResponse(std::shared_ptr<const ZRKHTTPURLResponse> resp
   if (auto bodyError = zrk_errorFromAPIResponse(parsed)) return finish(nullptr, std::move(bodyError));
   finish(nullptr, zrk_genericFailedToParseResponseError());
 }
+
+}  // namespace
 
 }  // namespace zrk

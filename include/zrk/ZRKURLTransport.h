@@ -32,6 +32,10 @@ class ZRK_API ZRKURLTransportClient {
   virtual ~ZRKURLTransportClient() = default;
   // Bytes moved in either direction (the idle time-out starts over).
   virtual void didMoveBytes() = 0;
+  // The answer's body will be about this many bytes (its Content-Length,
+  // before any content decoding), so that it can be held without regrowing.
+  // A hint: optional, and the body may turn out larger or smaller.
+  virtual void willReceiveBytes(std::size_t expected) { (void)expected; }
   // The next piece of the decoded response body. False asks the transport to
   // stop: the session has ended the task.
   virtual bool didReceiveData(std::string_view bytes) = 0;

@@ -95,6 +95,10 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
   }
   if (line == "\r\n" || line == "\n") {
     t->headersComplete = true;
+    curl_off_t length = -1;
+    if (curl_easy_getinfo(t->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) == CURLE_OK && length > 0) {
+      t->client->willReceiveBytes(static_cast<std::size_t>(length));
+    }
     return n;
   }
   if (line.front() == ' ' || line.front() == '\t') {

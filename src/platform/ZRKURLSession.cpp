@@ -143,6 +143,14 @@ class Hop final : public ZRKURLTransportClient {
     if (state_->hop == number_) state_->lastProgress = Clock::now();
   }
 
+  void willReceiveBytes(std::size_t expected) override {
+    std::lock_guard lock(state_->mutex);
+    if (state_->hop != number_) return;
+    // Never more than the cap allows, whatever the server claims.
+    const std::size_t cap = state_->session->configuration()->maximumResponseBytes;
+    state_->body.reserve(cap ? std::min(expected, cap) : std::min<std::size_t>(expected, std::size_t{1} << 30));
+  }
+
   bool didReceiveData(std::string_view bytes) override {
     {
       std::lock_guard lock(state_->mutex);

@@ -1,6 +1,7 @@
 #include "zrk/ZRKURLSession.h"
 
 #include <algorithm>
+#include <new>
 #include <atomic>
 #include <chrono>
 #include <limits>
@@ -146,9 +147,13 @@ class Hop final : public ZRKURLTransportClient {
   void willReceiveBytes(std::size_t expected) override {
     std::lock_guard lock(state_->mutex);
     if (state_->hop != number_) return;
-    // Never more than the cap allows, whatever the server claims.
+    // Never more than the cap allows, whatever the server claims; and only a
+    // hint, so a system that refuses the address space just goes without.
     const std::size_t cap = state_->session->configuration()->maximumResponseBytes;
-    state_->body.reserve(cap ? std::min(expected, cap) : std::min<std::size_t>(expected, std::size_t{1} << 30));
+    try {
+      state_->body.reserve(cap ? std::min(expected, cap) : std::min<std::size_t>(expected, std::size_t{1} << 30));
+    } catch (const std::bad_alloc&) {
+    }
   }
 
   bool didReceiveData(std::string_view bytes) override {

@@ -11,7 +11,6 @@
 #include <fstream>
 #include <string>
 
-#include "endpoints/ZRKScanUpload.h"
 #include "platform/ZRKResampler.h"
 #include "zrk/ZRKImage.h"
 
@@ -68,7 +67,7 @@ void BM_ScanUploadFrom12MegapixelJpegFile(benchmark::State& state) {
   std::size_t uploaded = 0;
   for (auto _ : state) {
     const auto image = zrk::ZRKImage::imageWithContentsOfFile(path);
-    const auto upload = image ? zrk::detail::scanUploadJPEG(*image) : std::nullopt;
+    const auto upload = image ? zrk::ZRKScanUploadJPEG(*image) : std::nullopt;
     if (!upload) return state.SkipWithError("no upload");
     uploaded = upload->size();
     benchmark::DoNotOptimize(upload->data());
@@ -85,7 +84,7 @@ void BM_ScanUploadFrom4032x3024Pixels(benchmark::State& state) {
   const auto image = zrk::ZRKImage::imageWithRGBAPixels(photoLikeRGBA(4032, 3024), 4032, 3024);
   std::size_t uploaded = 0;
   for (auto _ : state) {
-    const auto upload = zrk::detail::scanUploadJPEG(*image);
+    const auto upload = zrk::ZRKScanUploadJPEG(*image);
     if (!upload) return state.SkipWithError("no upload");
     uploaded = upload->size();
     benchmark::DoNotOptimize(upload->data());

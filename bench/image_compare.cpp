@@ -30,7 +30,6 @@
 #include <string>
 #include <vector>
 
-#include "endpoints/ZRKScanUpload.h"
 #include "zrk/ZRKImage.h"
 
 namespace {
@@ -121,14 +120,14 @@ int main(int argc, char** argv) {
   if (pipeline == "ours-jpeg") {
     run = [&] {
       const auto image = zrk::ZRKImage::imageWithContentsOfFile(input);
-      return image ? zrk::detail::scanUploadJPEG(*image) : std::nullopt;
+      return image ? zrk::ZRKScanUploadJPEG(*image) : std::nullopt;
     };
   } else if (pipeline == "vips-jpeg") {
     run = [&] { return vipsFromJPEG(input); };
   } else if (pipeline == "ours-rgba") {
     // The image wraps the caller's pixels once, as an application makes it
     // once and scans it; the upload path is what is timed.
-    run = [&] { return zrk::detail::scanUploadJPEG(*pixels); };
+    run = [&] { return zrk::ZRKScanUploadJPEG(*pixels); };
   } else if (pipeline == "vips-rgba") {
     run = [&] { return vipsFromRGBA(rgba); };
   } else {

@@ -5,7 +5,6 @@
 #include <algorithm>
 
 #include "FuzzCheck.h"
-#include "endpoints/ZRKScanUpload.h"
 #include "zrk/ZRKImage.h"
 
 namespace zrk::fuzz {
@@ -44,7 +43,7 @@ void checkUpload(const ZRKImage& image) {
   const ZRKSize points = image.size();
   const double longest = std::max(points.width, points.height);
   const bool vanishes = longest > 1000 && std::min(points.width, points.height) * 1000 / longest < 1;
-  const std::optional<std::string> jpeg = detail::scanUploadJPEG(image);
+  const std::optional<std::string> jpeg = ZRKScanUploadJPEG(image);
   ZRK_FUZZ_CHECK(jpeg.has_value() == (decodes && !vanishes));
   if (!jpeg) return;
   const auto uploaded = ZRKImage::imageWithData(*jpeg);

@@ -9,7 +9,6 @@
 #include "zrk/ZRKMultipartFormData.h"
 #include "zrk/ZRKRequestBodies.h"
 #include "zrk/ZRKScanAPIResponse.h"
-#include "endpoints/ZRKScanUpload.h"
 #include "request/ZRKEndpointURL.h"
 #include "request/ZRKJsonBody.h"
 
@@ -43,7 +42,7 @@ void uploadImage(const ZRKApiClient& client, const ZRKImage& image, const std::o
   part.setName("file");
   part.setFilename("image.jpg");
   part.setContentType("multipart/form-data");
-  part.setData(detail::scanUploadJPEG(image));
+  part.setData(ZRKScanUploadJPEG(image));
   const std::string boundary = ZRKMultipartFormDataEncoder::generateBoundary();
 
   ZRKURLRequest request = client.configuredRequestForURL(url);

@@ -1,13 +1,13 @@
-#include "endpoints/ZRKScanUpload.h"
+#include "zrk/ZRKImage.h"
 
-namespace zrk::detail {
+namespace zrk {
 namespace {
 
 constexpr double kLongestSide = 1000;
 
 }  // namespace
 
-std::optional<std::string> scanUploadJPEG(const ZRKImage& image) {
+std::optional<std::string> ZRKScanUploadJPEG(const ZRKImage& image) {
   // The longer side becomes 1000 pixels; ties take the height. A side of
   // exactly 1000 is left alone.
   const ZRKSize points = image.size();
@@ -22,11 +22,5 @@ std::optional<std::string> scanUploadJPEG(const ZRKImage& image) {
   }
   return ZRKImageJPEGRepresentation(image, 1.0);
 }
-
-}  // namespace zrk::detail
-
-namespace zrk {
-
-std::optional<std::string> ZRKScanUploadJPEG(const ZRKImage& image) { return detail::scanUploadJPEG(image); }
 
 }  // namespace zrk

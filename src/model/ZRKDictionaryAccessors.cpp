@@ -164,8 +164,8 @@ bool HasNull(const ZRKJson& value) {
 
 std::optional<std::string> WithoutNulls::takeString(std::string_view key) {
   if (!copy_) return zrk_stringForKey(*value_, key);
-  ZRKJson* found = copy_->is_object() && copy_->contains(key) ? &(*copy_)[std::string(key)] : nullptr;
-  if (!found || !found->is_string()) return std::nullopt;
+  const auto found = copy_->is_object() ? copy_->find(key) : copy_->end();
+  if (found == copy_->end() || !found->is_string()) return std::nullopt;
   return std::move(found->get_ref<std::string&>());
 }
 

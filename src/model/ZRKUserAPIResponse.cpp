@@ -13,17 +13,17 @@ std::string orNull(const std::optional<std::string>& value) { return value ? *va
 std::shared_ptr<ZRKApiResponseDecodable> ZRKUserAPIResponse::decodedObjectFromAPIResponse(
     const ZRKJson* response) const {
   if (!response || !response->is_object()) return nullptr;
-  detail::WithoutNulls fields(*response);
+  detail::WithoutNulls without(*response);
   // Any value under "code", even 0 or "", marks an error body.
-  if ((*fields).contains("code")) return nullptr;
+  if ((*without).contains("code")) return nullptr;
 
   auto user = newInstance();
-  user->email_ = fields.takeString("email");
-  user->name_ = fields.takeString("name");
-  user->gender_ = fields.takeString("gender");
-  user->birthdate_ = fields.takeString("birthdate");
-  user->avatar_ = fields.takeString("avatar");
-  user->token_ = fields.takeString("token");
+  user->email_ = without.takeString("email");
+  user->name_ = without.takeString("name");
+  user->gender_ = without.takeString("gender");
+  user->birthdate_ = without.takeString("birthdate");
+  user->avatar_ = without.takeString("avatar");
+  user->token_ = without.takeString("token");
   return user;
 }
 

@@ -65,8 +65,10 @@ void answer(const std::shared_ptr<MemoryExchange>& exchange, const ZRKScriptedRe
     return;
   }
   client->didMoveBytes();
-  if (!scripted.body.empty()) client->willReceiveBytes(scripted.body.size());
-  if (!scripted.body.empty() && !client->didReceiveData(scripted.body)) return;
+  if (!scripted.body.empty()) {
+    client->willReceiveBytes(scripted.body.size());
+    if (!client->didReceiveData(scripted.body)) return;
+  }
   client->didComplete(
       std::make_shared<const ZRKHTTPURLResponse>(request.URL(), scripted.statusCode, "HTTP/1.1", scripted.headerFields),
       std::nullopt);

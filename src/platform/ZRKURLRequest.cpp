@@ -1,9 +1,9 @@
 #include "zrk/ZRKURLRequest.h"
 
-#include <unordered_map>
-#include "platform/ZRKText.h"
-
 #include <algorithm>
+#include <unordered_map>
+
+#include "platform/ZRKText.h"
 
 namespace zrk {
 using detail::equalsIgnoringCase;
@@ -32,7 +32,7 @@ ZRKHTTPHeaderFields::ZRKHTTPHeaderFields(std::vector<Field> fields) {
   seen.reserve(fields.size());
   for (auto& [name, value] : fields) {
     std::string key = name;
-    for (char& c : key) c = (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c;
+    std::transform(key.begin(), key.end(), key.begin(), detail::asciiLower);
     const auto [it, added] = seen.try_emplace(std::move(key), fields_.size());
     if (added) {
       fields_.emplace_back(std::move(name), std::move(value));

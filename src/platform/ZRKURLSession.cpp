@@ -1,11 +1,11 @@
 #include "zrk/ZRKURLSession.h"
 
 #include <algorithm>
-#include <new>
 #include <atomic>
 #include <chrono>
 #include <limits>
 #include <mutex>
+#include <new>
 
 #include "platform/ZRKText.h"
 #include "platform/ZRKTimer.h"

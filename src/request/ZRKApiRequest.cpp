@@ -20,9 +20,45 @@ ZRKURLRequest requestFor(const ZRKApiClient& client, std::string_view endpoint) 
   return client.configuredRequestForURL(url);
 }
 
+// parseResponse; `release`, when given, is the body's owner, emptied once the
+// text is parsed so that a large answer is not held twice while it decodes.
 void parseAndDecode(std::shared_ptr<const ZRKHTTPURLResponse> response, const std::optional<std::string>& body,
                     std::optional<std::string>* release, std::optional<ZRKError> error,
-                    const ZRKApiRequest::Deserializers& deserializers, ZRKApiRequestCompletion completion);
+                    const ZRKApiRequest::Deserializers& deserializers, ZRKApiRequestCompletion completion) {
+  const auto finish = [&](std::shared_ptr<ZRKApiResponseDecodable> object, std::optional<ZRKError> failure) {
+    if (!completion) return;
+    zrkDispatchToMainThreadIfNecessary(
+        [completion = std::move(completion), object = std::move(object), response,
+         failure = std::move(failure)]() mutable { completion(std::move(object), std::move(response), std::move(failure)); });
+  };
+
+  if (error) return finish(nullptr, std::move(error));
+  if (deserializers.empty()) return finish(nullptr, zrk_genericFailedToParseResponseError());
+
+  const std::optional<ZRKJson> json = detail::parseJSONObjectBody(body);
+  const ZRKJson* parsed = json ? &*json : nullptr;
+  if (release) release->reset();
+
+  const ZRKApiResponseDecodable* chosen = nullptr;
+  if (deserializers.size() == 1) {
+    chosen = deserializers.front().get();
+  } else if (parsed) {
+    const auto object = parsed->find("object");
+    if (object != parsed->end() && object->is_string()) {
+      for (const auto& entry : deserializers) {
+        const auto* naming = dynamic_cast<const ZRKObjectNaming*>(entry.get());
+        if (naming && naming->zrkObject() == object->get_ref<const std::string&>()) chosen = entry.get();
+      }
+    }
+  }
+
+  if (chosen) {
+    if (auto decoded = chosen->decodedObjectFromAPIResponse(parsed)) return finish(std::move(decoded), std::nullopt);
+  }
+  if (auto bodyError = zrk_errorFromAPIResponse(parsed)) return finish(nullptr, std::move(bodyError));
+  finish(nullptr, zrk_genericFailedToParseResponseError());
+}
+
 
 ZRKApiRequest::Task send(const ZRKApiClient& client, ZRKURLRequest request, ZRKApiRequest::Deserializers deserializers,
                          ZRKApiRequestCompletion completion) {
@@ -136,48 +172,5 @@ void ZRKApiRequest::parseResponse(std::shared_ptr<const ZRKHTTPURLResponse> resp
                                   const Deserializers& deserializers, ZRKApiRequestCompletion completion) {
   parseAndDecode(std::move(response), body, nullptr, std::move(error), deserializers, std::move(completion));
 }
-
-namespace {
-
-// parseResponse; `release`, when given, is the body's owner, emptied once the
-// text is parsed so that a large answer is not held twice while it decodes.
-void parseAndDecode(std::shared_ptr<const ZRKHTTPURLResponse> response, const std::optional<std::string>& body,
-                    std::optional<std::string>* release, std::optional<ZRKError> error,
-                    const ZRKApiRequest::Deserializers& deserializers, ZRKApiRequestCompletion completion) {
-  const auto finish = [&](std::shared_ptr<ZRKApiResponseDecodable> object, std::optional<ZRKError> failure) {
-    if (!completion) return;
-    zrkDispatchToMainThreadIfNecessary(
-        [completion = std::move(completion), object = std::move(object), response,
-         failure = std::move(failure)]() mutable { completion(std::move(object), std::move(response), std::move(failure)); });
-  };
-
-  if (error) return finish(nullptr, std::move(error));
-  if (deserializers.empty()) return finish(nullptr, zrk_genericFailedToParseResponseError());
-
-  const std::optional<ZRKJson> json = detail::parseJSONObjectBody(body);
-  const ZRKJson* parsed = json ? &*json : nullptr;
-  if (release) release->reset();
-
-  const ZRKApiResponseDecodable* chosen = nullptr;
-  if (deserializers.size() == 1) {
-    chosen = deserializers.front().get();
-  } else if (parsed) {
-    const auto object = parsed->find("object");
-    if (object != parsed->end() && object->is_string()) {
-      for (const auto& entry : deserializers) {
-        const auto* naming = dynamic_cast<const ZRKObjectNaming*>(entry.get());
-        if (naming && naming->zrkObject() == object->get_ref<const std::string&>()) chosen = entry.get();
-      }
-    }
-  }
-
-  if (chosen) {
-    if (auto decoded = chosen->decodedObjectFromAPIResponse(parsed)) return finish(std::move(decoded), std::nullopt);
-  }
-  if (auto bodyError = zrk_errorFromAPIResponse(parsed)) return finish(nullptr, std::move(bodyError));
-  finish(nullptr, zrk_genericFailedToParseResponseError());
-}
-
-}  // namespace
 
 }  // namespace zrk

@@ -10,7 +10,6 @@
 #include <stdexcept>
 
 #include "Waiting.h"
-// prepare writes what a scan uploads, so it uses the library's own sizing.
 #include "zrk/ZRKApi.h"
 #include "zrk/ZRKCollection.h"
 #include "zrk/ZRKImage.h"
@@ -173,7 +172,7 @@ ExitStatus runPrepare(const Invocation& in, Console& console) {
     console.problem(in.image + " is not a readable JPEG or PNG file");
     return kUsageError;
   }
-  const auto jpeg = ZRKScanUploadJPEG(*image);
+  const auto jpeg = ZRKScanUploadJPEG(*image);  // exactly what a scan uploads
   if (!jpeg) {
     console.problem(in.image + " cannot be decoded");
     return kUsageError;

@@ -10,6 +10,7 @@ packages=(
   libturbojpeg0-dev libspng-dev libhwy-dev libutf8proc-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
   gettext libcli11-dev libsqlite3-dev libopencv-dev clang libglib2.0-dev doxygen libssl-dev zlib1g-dev openssl
+  python3-h2
 )
 
 missing=()

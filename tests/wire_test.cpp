@@ -5,9 +5,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
+#include <set>
+#include <sstream>
 
 #include "support/Recorder.h"
 #include "support/ScriptedServer.h"
+#include "zrk/testing/ZRKProcess.h"
 #include "zrk/ZRKApiAuthToken.h"
 #include "zrk/ZRKApiClient.h"
 #include "zrk/ZRKDevice.h"
@@ -19,6 +22,7 @@ namespace {
 
 using namespace test;
 using Values = std::vector<std::string>;
+using namespace std::chrono_literals;
 
 // The values of a header field in a raw head, in order, as written after the colon.
 Values fieldValues(const std::string& head, const std::string& name) {
@@ -168,6 +172,54 @@ TEST_F(WireTest, OnlyATrustedCertificateForTheHostIsAccepted) {
     EXPECT_EQ(fetch(tls.url() + "/secure", configuration), told) << certificate << trustTheCA;
     EXPECT_EQ(tls.requests().size(), told == "200 {}" ? 1u : 0u) << "a request went over an unverified connection";
   }
+}
+
+// Proxies close connections after a number of requests. Against a server
+// that closes after three (HTTP/1.1 silently, HTTP/2 with GOAWAY), with sixty
+// requests in flight: each one the server never processed goes out again,
+// and none it processed goes twice.
+TEST_F(WireTest, RequestsAClosingServerNeverProcessedGoOutAgain) {
+  if (std::system("/usr/bin/python3 -c 'import h2' 2>/dev/null") != 0) GTEST_SKIP() << "needs python3-h2";
+  const std::string directory = certificates();
+  ASSERT_FALSE(directory.empty());
+  const auto configuration = ZRKURLSessionConfiguration::defaultSessionConfiguration();
+  configuration->caInfoPath = directory + "/ca.pem";
+  const auto session = ZRKURLSession::sessionWithConfiguration(configuration, {}, &ZRKMainQueue::mainQueue());
+  // Sends requests /0../count-1 at once; the codes of the failed ones and the server's log.
+  const auto run = [&](std::vector<std::string> options, int count) {
+    options.insert(options.begin(), ZRK_CLOSING_SERVER);
+    testing::ZRKProcess server("/usr/bin/python3", options);
+    const bool tls = std::find(options.begin(), options.end(), "--tls") != options.end();
+    const std::string url = (tls ? "https://127.0.0.1:" : "http://127.0.0.1:") + server.lineAfter("port ");
+    Recorder<std::optional<std::string>, std::shared_ptr<const ZRKHTTPURLResponse>, std::optional<ZRKError>> done;
+    std::vector<long> failed;
+    const auto completion = done.completion();
+    for (int i = 0; i < count; ++i) {
+      ZRKURLRequest request;
+      request.setURL(ZRKURL::URLWithString(url + "/" + std::to_string(i)));
+      session->dataTaskWithRequest(request, [&failed, completion](auto data, auto response, auto error) {
+        if (error) failed.push_back(error->code);
+        completion(data, response, error);
+      })->resume();
+    }
+    EXPECT_TRUE(ZRKMainQueue::mainQueue().runUntil([&] { return done.calls() >= std::size_t(count); }, 30s));
+    std::istringstream log(server.out());
+    std::multiset<std::string> lines;
+    for (std::string line; std::getline(log, line);) lines.insert(line);
+    return std::pair(failed, lines);
+  };
+
+  for (const bool http2 : {false, true}) {
+    std::vector<std::string> options = {"--after", "3"};
+    if (http2) options.insert(options.end(), {"--tls", directory + "/good.pem"});
+    const auto [failed, log] = run(options, 60);
+    EXPECT_EQ(failed, std::vector<long>()) << (http2 ? "HTTP/2" : "HTTP/1.1");
+    for (int i = 0; i < 60; ++i) EXPECT_EQ(log.count("answered /" + std::to_string(i)), 1u) << i;
+  }
+  // Read on a new connection and never answered: the server may have acted on it.
+  const auto [failed, log] = run({"--after", "3", "--drop-first"}, 1);
+  EXPECT_EQ(failed.size(), 1u);
+  EXPECT_EQ(log.count("dropped /0"), 1u);
 }
 
 }  // namespace

@@ -64,7 +64,10 @@ class ZRK_API ZRKURLTransport {
                                                          const ZRKURLSessionConfiguration& configuration,
                                                          std::shared_ptr<ZRKURLTransportClient> client) = 0;
 
-  // libcurl on one private I/O thread, shared by every session.
+  // libcurl on one private I/O thread, shared by every session. A request
+  // that died unanswered on a reused connection (keep-alive closed, HTTP/2
+  // GOAWAY) goes out once more on a new one: the server cannot have
+  // processed it. Nothing the server may have seen is sent twice.
   static std::shared_ptr<ZRKURLTransport> defaultTransport();
 };
 

@@ -48,6 +48,8 @@ struct Transfer {
   std::string body;  // the request body; curl reads it in place
   curl_off_t lastMoved = -1;
   bool stopped = false;  // the client asked to stop
+  bool answered = false;  // a byte of an answer arrived
+  bool resent = false;    // gone out again on a connection of its own
   // The blank line that ends the final header block has arrived.
   bool headersComplete = false;
   std::string httpVersion;
@@ -85,6 +87,7 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
   auto* t = static_cast<Transfer*>(user);
   const std::size_t n = size * count;
   const std::string_view line(data, n);
+  t->answered = true;
   t->client->didMoveBytes();
   if (line.substr(0, 5) == "HTTP/") {
     // A new status line: an interim 1xx answer's fields are not the final ones.
@@ -259,12 +262,37 @@ void CurlLoop::start(std::shared_ptr<Transfer> t, double connectTimeout, const s
   transfers_[identifier] = std::move(t);
 }
 
+// Whether a failed attempt is one the server cannot have processed: no
+// byte of an answer came, and either the request went out on a connection
+// an earlier request had used that then died (HTTP/1.1 keep-alive closed,
+// HTTP/2 GOAWAY or a refused stream), or libcurl's own retries of such
+// deaths ran out. Proxies close connections after a number of requests, so
+// this is routine; a request the server may have seen is never sent again.
+bool neverProcessed(CURL* easy, CURLcode result, const Transfer& t) {
+  if (t.answered || t.resent || t.stopped) return false;
+  if (result == CURLE_SEND_ERROR && std::string_view(t.errorBuffer).starts_with("Connection died")) return true;
+  if (result != CURLE_SEND_ERROR && result != CURLE_RECV_ERROR && result != CURLE_GOT_NOTHING && result != CURLE_HTTP2) {
+    return false;
+  }
+  long connects = -1;
+  return curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connects) == CURLE_OK && connects == 0;
+}
+
 void CurlLoop::done(CURL* easy, CURLcode result) {
   Transfer* raw = nullptr;
   curl_easy_getinfo(easy, CURLINFO_PRIVATE, &raw);
   curl_multi_remove_handle(multi_, easy);
   auto it = transfers_.find(raw->identifier);
   if (it == transfers_.end()) return;
+  if (result != CURLE_OK && neverProcessed(easy, result, *raw)) {
+    // Once more, first on a new connection: nothing can refuse it there.
+    raw->resent = true;
+    raw->responseFields.clear();
+    raw->errorBuffer[0] = '\0';
+    curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, 1L);
+    curl_multi_add_handle(multi_, easy);
+    return;
+  }
   const std::shared_ptr<Transfer> t = std::move(it->second);
   transfers_.erase(it);
   if (t->stopped) return;

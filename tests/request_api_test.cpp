@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "support/MemoryServiceTest.h"
+#include "request/ZRKJsonBody.h"
 #include "support/Recorder.h"
 #include "zrk/ZRKApiError.h"
 #include "zrk/ZRKApiRequest.h"
@@ -81,6 +82,35 @@ TEST(ParseResponse, TheModelDecidesNotTheStatus) {
   }
   const ZRKError timedOut(ZRKURLErrorDomain, ZRKURLErrorTimedOut);
   EXPECT_EQ(parse(R"({"value":"v"})", {model}, 200, timedOut).arg<2>(), timedOut);
+}
+
+// Long string values are decoded apart from the parser, to spare memory:
+// the result must be the parser's own, byte for byte, and what it refuses
+// stays refused.
+TEST(ParseResponse, LongStringsDecodeAsTheParserWould) {
+  const std::string pad(70000, 'p');
+  for (const std::string& inner :
+       {std::string(R"(\"\\\/\b\f\n\r\t)"), std::string(R"(\u0041\u00e9\u20AC\u0000)"), std::string(R"(\ud83d\ude00)"),
+        std::string("\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"),
+        // Refused: a lone or reversed surrogate, a bad escape or hex digit,
+        // bytes that are not UTF-8 (overlong, a surrogate, past U+10FFFF,
+        // cut short), a raw control character.
+        std::string(R"(\ud83d)"), std::string(R"(\ude00\ud83d)"), std::string(R"(\x)"), std::string(R"(\u12G4)"),
+        std::string("\xC0\xAF"), std::string("\xED\xA0\x80"), std::string("\xF4\x90\x80\x80"), std::string("\xE2\x82"),
+        std::string("\x01")}) {
+    for (const std::string& value : {pad + inner, inner + pad}) {
+      const std::string body = R"({"k":"short","long":")" + value + R"(","list":["a",")" + value + R"(",3]})";
+      const ZRKJson expected = ZRKJson::parse(body, nullptr, false);
+      const auto parsed = detail::parseJSONObjectBody(body);
+      ASSERT_EQ(parsed.has_value(), !expected.is_discarded()) << inner;
+      if (parsed) {
+        EXPECT_TRUE(*parsed == expected) << inner;
+      }
+    }
+  }
+  // A long key stays with the parser; the strings after it keep their places.
+  const std::string body = R"({")" + pad + R"(":"a","b": [")" + pad + R"(x", "c"],"d":")" + pad + R"(y"})";
+  EXPECT_TRUE(detail::parseJSONObjectBody(body) == ZRKJson::parse(body));
 }
 
 TEST(ParseResponse, PicksTheDeserializerByObjectWhenThereAreSeveral) {

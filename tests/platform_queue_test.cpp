@@ -46,7 +46,7 @@ TEST(MainQueue, ExecutorHearsOfPostedAndAlreadyWaitingCallbacks) {
   queue().setExecutor([&](std::function<void()> wake) { hostLoop.push_back(std::move(wake)); });
   std::thread([&] { queue().async(late.completion()); }).join();
   queue().setExecutor(nullptr);
-  ASSERT_EQ(hostLoop.size(), 2u);
+  ASSERT_EQ(hostLoop.size(), 1u);  // one drain serves both: the second found the queue waiting
   hostLoop.front()();  // the host runs it on its main thread
   EXPECT_EQ(early.calls() + late.calls(), 2u);
 }

@@ -62,10 +62,12 @@ class ZRK_API ZRKMainQueue final : public ZRKDispatchQueue {
   // resets it. -1 where the system offers no such descriptor.
   int fileDescriptor() const;
 
-  // Hands each posted callback's wake-up to the host's own loop: the
-  // executor receives a callable that must be run on the main thread, and
-  // that drains the queue. An empty function removes the executor. Callbacks
-  // already waiting are announced to the new executor at once.
+  // Hands the main thread's wake-ups to the host's own loop: the executor
+  // receives a callable that must be run on the main thread, and that drains
+  // the queue. It is called when a callback is posted to an empty queue, since
+  // one drain runs every callback waiting. An empty function removes the
+  // executor. Callbacks already waiting are announced to the new executor at
+  // once.
   void setExecutor(std::function<void(std::function<void()>)> executor);
 
   ZRKMainQueue(const ZRKMainQueue&) = delete;

@@ -130,11 +130,15 @@ class CurlLoop {
   }
 
   void post(std::function<void()> command) {
+    bool first;
     {
       std::lock_guard lock(mutex_);
+      first = commands_.empty();
       commands_.push_back(std::move(command));
     }
-    curl_multi_wakeup(multi_);
+    // The I/O thread takes every queued command per wake-up: only the first
+    // of a batch wakes it.
+    if (first) curl_multi_wakeup(multi_);
   }
 
   // I/O thread only.

@@ -80,7 +80,11 @@ void ZRKMainQueue::async(std::function<void()> callback) {
   std::function<void(std::function<void()>)> executor;
   {
     std::lock_guard lock(state_->mutex);
+    const bool first = state_->callbacks.empty();
     state_->callbacks.push_back(std::move(callback));
+    // Whoever runs the queue runs it until it is empty: only the callback
+    // that finds it empty needs to wake the main thread.
+    if (!first) return;
     executor = state_->executor;
   }
   state_->posted.notify_all();

@@ -19,12 +19,16 @@ class TimerThread {
   }
 
   void schedule(std::chrono::steady_clock::time_point deadline, std::function<void()> callback) {
+    bool earliest;
     {
       std::lock_guard lock(mutex_);
       if (stopping_) return;
       entries_.push(Entry{deadline, sequence_++, std::move(callback)});
+      earliest = entries_.top().sequence == sequence_ - 1;
     }
-    wake_.notify_one();
+    // The thread sleeps until the earliest deadline; a later one needs no
+    // wake-up, and most are later (every request adds its time-out).
+    if (earliest) wake_.notify_one();
   }
 
  private:

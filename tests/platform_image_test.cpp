@@ -124,7 +124,7 @@ TEST(ImageOrientation, TurnsEveryOrientationUprightAndReadsMalformedEXIFAsUp) {
   for (int i = 0; i < 8; ++i) {
     const auto& [orientation, expected] = cases[i];
     EXPECT_EQ(ZRKImage::imageWithData(withSegment(jpeg, exif(i % 2, i + 1)))->imageOrientation(), orientation);
-    const auto out = detail::orientedUpright(stored.data(), 3, 2, orientation);
+    const auto out = *detail::orientedUpright(stored.data(), 3, 2, orientation);
     std::string seen;
     for (int j = 0; j < out.width * out.height; ++j)
       seen += std::string(j && j % out.width == 0, '/') + char(out.pixels[4 * j]);

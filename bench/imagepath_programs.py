@@ -1,0 +1,134 @@
+#!/usr/bin/python3
+"""The image path as a person meets it: whole programs and first runs.
+
+Two measurements, on one core, every contender run in turn within one loop
+so that a change in the machine's load hits all of them alike:
+
+  * whole programs: `zrk prepare` against `vipsthumbnail` (same file, same
+    output: at most 1000 pixels a side, quality 100, 4:2:0), each run a fresh
+    process, start-up included; also `zrk --version` and `vipsthumbnail
+    --help` for what starting costs;
+  * first against warm: `zrkapi_imagepath_cold` prepares the file once in a
+    fresh process, then RUNS more times; its first run is what an
+    application's first scan costs, the median of the rest the warm figure
+    the in-process benchmarks report.
+
+Two inputs: the textured scene of compare_image.py (3.0 MB) and a noisy
+low-light photo of the same scene (about 2.6 MB), each 4032x3024. Every
+output is scored by luma PSNR against a float Lanczos-3 of the full decode.
+
+    /usr/bin/python3 bench/imagepath_programs.py --zrk build-bench/bin/zrk \
+        --cold build-bench/bin/zrkapi_imagepath_cold
+"""
+
+import argparse
+import json
+import os
+import statistics
+import subprocess
+import sys
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import compare_image as scene  # noqa: E402  (installs the peers when missing)
+
+import numpy as np  # noqa: E402
+from PIL import Image  # noqa: E402
+
+NOISY_VERSION = 1
+
+
+def noisy_photo(workdir):
+    """The scene as a phone takes it in dim light: a third of the exposure,
+    amplified back, so the sensor's noise is amplified with it (about 2.6 MB
+    at quality 87)."""
+    path = os.path.join(workdir, "noisy-%d.jpg" % NOISY_VERSION)
+    if not os.path.exists(path):
+        clean, _ = scene.inputs(workdir)
+        rgb = np.asarray(Image.open(clean).convert("RGB"), np.float32)
+        rng = np.random.default_rng(7)
+        noise = rng.standard_normal(rgb.shape).astype(np.float32)
+        noisy = rgb + noise * (1.8 + 0.015 * rgb)
+        Image.fromarray(np.clip(noisy + 0.5, 0, 255).astype(np.uint8)).save(path, "JPEG", quality=87,
+                                                                              subsampling=2)
+    return path
+
+
+def run(argv):
+    start = time.perf_counter()
+    subprocess.run(argv, check=True, capture_output=True)
+    return (time.perf_counter() - start) * 1000
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--zrk", required=True, help="the zrk program")
+    parser.add_argument("--cold", required=True, help="the zrkapi_imagepath_cold program")
+    parser.add_argument("--runs", type=int, default=15, help="rounds (each runs every contender once)")
+    parser.add_argument("--out", default="build-bench/imagepath", help="directory for inputs and outputs")
+    parser.add_argument("--cpu", type=int, default=1, help="the one CPU everything runs on")
+    args = parser.parse_args()
+    args.out = os.path.abspath(args.out)
+    os.makedirs(args.out, exist_ok=True)
+    if hasattr(os, "sched_setaffinity") and args.cpu in os.sched_getaffinity(0):
+        os.sched_setaffinity(0, {args.cpu})  # children inherit it
+
+    scene_jpeg, _ = scene.inputs(args.out)
+    inputs = [("textured scene", scene_jpeg), ("noisy photo", noisy_photo(args.out))]
+    results = {"runs": args.runs, "cpu": args.cpu, "load_before": os.getloadavg(), "inputs": []}
+
+    starts = {"zrk --version": [args.zrk, "--version"], "vipsthumbnail --help": ["vipsthumbnail", "--help"]}
+    start_times = {name: [] for name in starts}
+    for name, argv in starts.items():
+        run(argv)  # page cache
+    for _ in range(args.runs):
+        for name, argv in starts.items():
+            start_times[name].append(run(argv))
+    results["start"] = {name: statistics.median(t) for name, t in start_times.items()}
+
+    for label, jpeg in inputs:
+        reference = scene.Reference(jpeg)
+        ours_out = os.path.join(args.out, "zrk-prepare.jpg")
+        vips_out = os.path.join(args.out, "vipsthumbnail.jpg")
+        programs = {
+            "zrk prepare": [args.zrk, "prepare", jpeg, "-o", ours_out],
+            "vipsthumbnail": ["vipsthumbnail", jpeg, "-s", str(scene.LONGEST), "-o",
+                              vips_out + "[Q=100,subsample_mode=on]"],
+        }
+        times = {name: [] for name in programs}
+        first, warm = [], []
+        for argv in programs.values():
+            run(argv)  # page cache
+        for _ in range(args.runs):
+            for name, argv in programs.items():
+                times[name].append(run(argv))
+            proc = subprocess.run([args.cold, jpeg, "9"], check=True, capture_output=True, text=True)
+            cold = json.loads(proc.stdout)
+            first.append(cold["first_ms"])
+            warm.append(statistics.median(cold["warm_ms"]))
+        entry = {"input": label, "path": jpeg, "bytes": os.path.getsize(jpeg), "programs": {}}
+        for name, out in (("zrk prepare", ours_out), ("vipsthumbnail", vips_out)):
+            with open(out, "rb") as f:
+                quality, size = scene.psnr(reference, f.read())
+            entry["programs"][name] = {"median_ms": statistics.median(times[name]), "ms": times[name],
+                                       "psnr_db": quality, "size": list(size)}
+        entry["first_ms"] = statistics.median(first)
+        entry["warm_ms"] = statistics.median(warm)
+        entry["first"], entry["warm"] = first, warm
+        results["inputs"].append(entry)
+        print("%-15s %.1f MB: zrk prepare %.1f ms (%.1f dB), vipsthumbnail %.1f ms (%.1f dB), %.2fx; "
+              "first %.1f ms, warm %.1f ms, %.2fx" % (
+                  label, entry["bytes"] / 1e6, entry["programs"]["zrk prepare"]["median_ms"],
+                  entry["programs"]["zrk prepare"]["psnr_db"], entry["programs"]["vipsthumbnail"]["median_ms"],
+                  entry["programs"]["vipsthumbnail"]["psnr_db"],
+                  entry["programs"]["vipsthumbnail"]["median_ms"] / entry["programs"]["zrk prepare"]["median_ms"],
+                  entry["first_ms"], entry["warm_ms"], entry["first_ms"] / entry["warm_ms"]), flush=True)
+    results["load_after"] = os.getloadavg()
+    print("start-up: " + ", ".join("%s %.1f ms" % kv for kv in results["start"].items()))
+    print("load average before %.2f, after %.2f" % (results["load_before"][0], results["load_after"][0]))
+    with open(os.path.join(args.out, "results.json"), "w") as f:
+        json.dump(results, f, indent=1)
+
+
+if __name__ == "__main__":
+    main()

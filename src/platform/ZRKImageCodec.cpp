@@ -251,7 +251,11 @@ std::optional<std::string> encodeJPEG(const std::uint8_t* rgba, int width, int h
       raw != output.data() || size > bound) {
     return std::nullopt;
   }
-  return std::string(reinterpret_cast<const char*>(raw), size);
+  std::string jpeg;
+  jpeg.reserve(size);
+  if (size >= kPixelBufferMappedMinimum) prefaultForWriting(jpeg.data(), size);
+  jpeg.assign(reinterpret_cast<const char*>(raw), size);
+  return jpeg;
 }
 
 std::optional<RGBAImage> orientedUpright(const std::uint8_t* rgba, int width, int height, ZRKImageOrientation orientation) {

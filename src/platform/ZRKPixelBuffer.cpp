@@ -23,6 +23,8 @@
 namespace zrk::detail {
 namespace {
 
+constexpr std::align_val_t kHeapAlignment{64};
+
 #ifndef ZRK_PIXELBUFFER_HEAP_ONLY
 
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
@@ -109,6 +111,18 @@ std::uint8_t* mapAligned(std::size_t length) {
 
 }  // namespace
 
+void prefaultForWriting(void* data, std::size_t size) noexcept {
+#if defined(__linux__) && defined(MADV_POPULATE_WRITE)
+  constexpr std::uintptr_t kPage = 4096;
+  const auto begin = (reinterpret_cast<std::uintptr_t>(data) + kPage - 1) & ~(kPage - 1);
+  const auto end = (reinterpret_cast<std::uintptr_t>(data) + size) & ~(kPage - 1);
+  if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
+#else
+  (void)data;
+  (void)size;
+#endif
+}
+
 PixelBuffer PixelBuffer::allocate(std::size_t size) noexcept {
   PixelBuffer buffer;
   if (size == 0) return buffer;
@@ -129,7 +143,7 @@ PixelBuffer PixelBuffer::allocate(std::size_t size) noexcept {
     return buffer;
   }
 #endif
-  buffer.data_ = new (std::nothrow) std::uint8_t[size];
+  buffer.data_ = static_cast<std::uint8_t*>(::operator new[](size, kHeapAlignment, std::nothrow));
   if (buffer.data_) buffer.size_ = size;
   return buffer;
 }
@@ -157,10 +171,10 @@ void PixelBuffer::release() noexcept {
   if (mapped_ != 0) {
     mappedBlocks().give(data_, mapped_);
   } else {
-    delete[] data_;
+    ::operator delete[](data_, kHeapAlignment);
   }
 #else
-  delete[] data_;
+  ::operator delete[](data_, kHeapAlignment);
 #endif
   data_ = nullptr;
   size_ = 0;

@@ -25,7 +25,8 @@ class PixelBuffer {
   PixelBuffer& operator=(const PixelBuffer&) = delete;
   ~PixelBuffer();
 
-  // Uninitialised bytes; an empty buffer when the memory cannot be had.
+  // Uninitialised bytes, aligned to 64; an empty buffer when the memory
+  // cannot be had.
   static PixelBuffer allocate(std::size_t size) noexcept;
 
   std::uint8_t* data() noexcept { return data_; }
@@ -42,6 +43,12 @@ class PixelBuffer {
   std::size_t size_ = 0;
   std::size_t mapped_ = 0;  // length of the mapping; 0 for a heap block
 };
+
+// Maps the whole pages of a freshly allocated block that is about to be
+// written, in one call rather than one fault per page; the contents stay as
+// they are. For large blocks allocated elsewhere, such as a std::string that
+// a result has to be. Does nothing where the system cannot.
+void prefaultForWriting(void* data, std::size_t size) noexcept;
 
 // Blocks of at least this size are mapped; smaller ones come from the heap.
 inline constexpr std::size_t kPixelBufferMappedMinimum = std::size_t{256} << 10;

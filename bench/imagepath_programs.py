@@ -24,6 +24,7 @@ output is scored by luma PSNR against a float Lanczos-3 of the full decode.
 import argparse
 import json
 import os
+import resource
 import statistics
 import subprocess
 import sys
@@ -55,9 +56,17 @@ def noisy_photo(workdir):
 
 
 def run(argv):
+    """Wall and CPU milliseconds of one whole process."""
+    before = resource.getrusage(resource.RUSAGE_CHILDREN)
     start = time.perf_counter()
     subprocess.run(argv, check=True, capture_output=True)
-    return (time.perf_counter() - start) * 1000
+    wall = (time.perf_counter() - start) * 1000
+    after = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return wall, (after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime) * 1000
+
+
+def median(pairs, i):
+    return statistics.median(p[i] for p in pairs)
 
 
 def main():
@@ -65,7 +74,8 @@ def main():
     parser.add_argument("--zrk", required=True, help="the zrk program")
     parser.add_argument("--cold", required=True, help="the zrkapi_imagepath_cold program")
     parser.add_argument("--runs", type=int, default=15, help="rounds (each runs every contender once)")
-    parser.add_argument("--out", default="build-bench/imagepath", help="directory for inputs and outputs")
+    parser.add_argument("--out", default="build-bench/imagepath", help="directory for outputs and results")
+    parser.add_argument("--inputs", help="directory holding (or to hold) the inputs; default --out")
     parser.add_argument("--cpu", type=int, default=1, help="the one CPU everything runs on")
     args = parser.parse_args()
     args.out = os.path.abspath(args.out)
@@ -73,8 +83,10 @@ def main():
     if hasattr(os, "sched_setaffinity") and args.cpu in os.sched_getaffinity(0):
         os.sched_setaffinity(0, {args.cpu})  # children inherit it
 
-    scene_jpeg, _ = scene.inputs(args.out)
-    inputs = [("textured scene", scene_jpeg), ("noisy photo", noisy_photo(args.out))]
+    inputs_dir = os.path.abspath(args.inputs or args.out)
+    os.makedirs(inputs_dir, exist_ok=True)
+    scene_jpeg, _ = scene.inputs(inputs_dir)
+    inputs = [("textured scene", scene_jpeg), ("noisy photo", noisy_photo(inputs_dir))]
     results = {"runs": args.runs, "cpu": args.cpu, "load_before": os.getloadavg(), "inputs": []}
 
     starts = {"zrk --version": [args.zrk, "--version"], "vipsthumbnail --help": ["vipsthumbnail", "--help"]}
@@ -84,7 +96,8 @@ def main():
     for _ in range(args.runs):
         for name, argv in starts.items():
             start_times[name].append(run(argv))
-    results["start"] = {name: statistics.median(t) for name, t in start_times.items()}
+    results["start"] = {name: {"median_ms": median(t, 0), "median_cpu_ms": median(t, 1)}
+                        for name, t in start_times.items()}
 
     for label, jpeg in inputs:
         reference = scene.Reference(jpeg)
@@ -96,7 +109,7 @@ def main():
                               vips_out + "[Q=100,subsample_mode=on]"],
         }
         times = {name: [] for name in programs}
-        first, warm = [], []
+        first, warm, first_cpu, warm_cpu = [], [], [], []
         for argv in programs.values():
             run(argv)  # page cache
         for _ in range(args.runs):
@@ -106,29 +119,53 @@ def main():
             cold = json.loads(proc.stdout)
             first.append(cold["first_ms"])
             warm.append(statistics.median(cold["warm_ms"]))
+            first_cpu.append(cold["first_cpu_ms"])
+            warm_cpu.append(statistics.median(cold["warm_cpu_ms"]))
         entry = {"input": label, "path": jpeg, "bytes": os.path.getsize(jpeg), "programs": {}}
         for name, out in (("zrk prepare", ours_out), ("vipsthumbnail", vips_out)):
             with open(out, "rb") as f:
                 quality, size = scene.psnr(reference, f.read())
-            entry["programs"][name] = {"median_ms": statistics.median(times[name]), "ms": times[name],
-                                       "psnr_db": quality, "size": list(size)}
-        entry["first_ms"] = statistics.median(first)
-        entry["warm_ms"] = statistics.median(warm)
-        entry["first"], entry["warm"] = first, warm
+            entry["programs"][name] = {"median_ms": median(times[name], 0), "median_cpu_ms": median(times[name], 1),
+                                       "runs": times[name], "psnr_db": quality, "size": list(size)}
+        entry.update(first_ms=statistics.median(first), warm_ms=statistics.median(warm),
+                     first_cpu_ms=statistics.median(first_cpu), warm_cpu_ms=statistics.median(warm_cpu),
+                     first=first, warm=warm, first_cpu=first_cpu, warm_cpu=warm_cpu)
         results["inputs"].append(entry)
-        print("%-15s %.1f MB: zrk prepare %.1f ms (%.1f dB), vipsthumbnail %.1f ms (%.1f dB), %.2fx; "
-              "first %.1f ms, warm %.1f ms, %.2fx" % (
-                  label, entry["bytes"] / 1e6, entry["programs"]["zrk prepare"]["median_ms"],
-                  entry["programs"]["zrk prepare"]["psnr_db"], entry["programs"]["vipsthumbnail"]["median_ms"],
-                  entry["programs"]["vipsthumbnail"]["psnr_db"],
-                  entry["programs"]["vipsthumbnail"]["median_ms"] / entry["programs"]["zrk prepare"]["median_ms"],
+        ours, vips = entry["programs"]["zrk prepare"], entry["programs"]["vipsthumbnail"]
+        print("%-15s %.1f MB: zrk prepare %.1f ms (CPU %.1f, %.1f dB), vipsthumbnail %.1f ms (CPU %.1f, %.1f dB), "
+              "%.2fx; first %.1f ms, warm %.1f ms, %.2fx" % (
+                  label, entry["bytes"] / 1e6, ours["median_ms"], ours["median_cpu_ms"], ours["psnr_db"],
+                  vips["median_ms"], vips["median_cpu_ms"], vips["psnr_db"], vips["median_ms"] / ours["median_ms"],
                   entry["first_ms"], entry["warm_ms"], entry["first_ms"] / entry["warm_ms"]), flush=True)
     results["load_after"] = os.getloadavg()
-    print("start-up: " + ", ".join("%s %.1f ms" % kv for kv in results["start"].items()))
-    print("load average before %.2f, after %.2f" % (results["load_before"][0], results["load_after"][0]))
     with open(os.path.join(args.out, "results.json"), "w") as f:
         json.dump(results, f, indent=1)
+    markdown = tables(results)
+    with open(os.path.join(args.out, "tables.md"), "w") as f:
+        f.write(markdown)
+    print(markdown)
 
+
+def tables(results):
+    lines = ["", "Load average %.2f before, %.2f after; medians of %d rounds on CPU %d." % (
+        results["load_before"][0], results["load_after"][0], results["runs"], results["cpu"]), "",
+        "| Input | zrk prepare ms (CPU) | vipsthumbnail ms (CPU) | vipsthumbnail / zrk | zrk dB | vipsthumbnail dB |",
+        "|---|---:|---:|---:|---:|---:|"]
+    for e in results["inputs"]:
+        ours, vips = e["programs"]["zrk prepare"], e["programs"]["vipsthumbnail"]
+        lines.append("| %s, %.1f MB | %.1f (%.1f) | %.1f (%.1f) | %.2fx (CPU %.2fx) | %.1f | %.1f |" % (
+            e["input"], e["bytes"] / 1e6, ours["median_ms"], ours["median_cpu_ms"], vips["median_ms"],
+            vips["median_cpu_ms"], vips["median_ms"] / ours["median_ms"], vips["median_cpu_ms"] / ours["median_cpu_ms"],
+            ours["psnr_db"], vips["psnr_db"]))
+    lines += ["", "| Start-up alone | ms | CPU ms |", "|---|---:|---:|"]
+    for name, t in results["start"].items():
+        lines.append("| `%s` | %.1f | %.1f |" % (name, t["median_ms"], t["median_cpu_ms"]))
+    lines += ["", "| Input | first preparation ms (CPU) | warm ms (CPU) | first / warm (CPU) |", "|---|---:|---:|---:|"]
+    for e in results["inputs"]:
+        lines.append("| %s | %.1f (%.1f) | %.1f (%.1f) | %.2fx (%.2fx) |" % (
+            e["input"], e["first_ms"], e["first_cpu_ms"], e["warm_ms"], e["warm_cpu_ms"], e["first_ms"] / e["warm_ms"],
+            e["first_cpu_ms"] / e["warm_cpu_ms"]))
+    return "\n".join(lines) + "\n"
 
 if __name__ == "__main__":
     main()

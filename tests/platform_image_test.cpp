@@ -3,7 +3,9 @@
 #include <turbojpeg.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
 #include "platform/ZRKImageCodec.h"
 #include "zrk/ZRKImage.h"
@@ -82,6 +84,19 @@ TEST(ImageJPEG, RoundTripsAtTheChosenQualityAndDecodesCMYKAndCutStreams) {
   const auto cmyk = ZRKImage::imageWithData(std::string(reinterpret_cast<char*>(out), size));
   tjFree(out), tjDestroy(tj);
   EXPECT_EQ(cmyk ? colourAt(*cmyk, 8, 8) : -2, 0);
+}
+
+TEST(ImageJPEG, AFileReadsAsItsBytesAndAnEmptyOrMissingOneAsNothing) {
+  const std::string jpeg = jpegOf(picture(64, 48), 64, 48), path = testing::TempDir() + "zrk-image-file.jpg";
+  std::ofstream(path, std::ios::binary) << jpeg;
+  const auto fromFile = ZRKImage::imageWithContentsOfFile(path);
+  ASSERT_TRUE(fromFile);
+  EXPECT_EQ(*fromFile->RGBAPixels(), *ZRKImage::imageWithData(jpeg)->RGBAPixels());
+  std::ofstream(path, std::ios::trunc).close();
+  EXPECT_FALSE(ZRKImage::imageWithContentsOfFile(path));
+  std::remove(path.c_str());
+  EXPECT_FALSE(ZRKImage::imageWithContentsOfFile(path));
+  EXPECT_FALSE(ZRKImage::imageWithContentsOfFile(testing::TempDir()));
 }
 
 TEST(ImagePNG, DecodesLosslessly) {

@@ -18,7 +18,7 @@ namespace {
 void fill(PixelBuffer& buffer, std::uint8_t tag) { std::memset(buffer.data(), tag, buffer.size()); }
 
 bool holds(const PixelBuffer& buffer, std::uint8_t tag) {
-  return std::all_of(buffer.data(), buffer.data() + buffer.size(), [tag](std::uint8_t b) { return b == tag; });
+  return !buffer.empty() && std::all_of(buffer.data(), buffer.data() + buffer.size(), [tag](std::uint8_t b) { return b == tag; });
 }
 
 TEST(PixelBuffer, LiveBuffersNeverShareMemoryWhateverWasFreedBefore) {

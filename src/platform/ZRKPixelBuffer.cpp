@@ -1,6 +1,8 @@
 #include "platform/ZRKPixelBuffer.h"
 
+#include <algorithm>
 #include <array>
+#include <cstdint>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -125,10 +127,12 @@ void prefaultForWriting(void* data, std::size_t size) noexcept {
 
 PixelBuffer PixelBuffer::allocate(std::size_t size) noexcept {
   PixelBuffer buffer;
-  if (size == 0) return buffer;
+  // Far beyond any image the codecs accept; refused before any allocator
+  // (or a sanitizer's) sees it.
+  constexpr auto kLargest = static_cast<std::size_t>(std::min<std::uint64_t>(std::uint64_t{1} << 39, PTRDIFF_MAX));
+  if (size == 0 || size > kLargest) return buffer;
 #ifndef ZRK_PIXELBUFFER_HEAP_ONLY
   if (size >= kPixelBufferMappedMinimum) {
-    if (size > SIZE_MAX - 2 * kHugePage) return buffer;
     const std::size_t length = (size + kHugePage - 1) / kHugePage * kHugePage;
     std::size_t mapped = 0;
     std::uint8_t* data = mappedBlocks().take(length, mapped);

@@ -19,6 +19,9 @@ output is scored by luma PSNR against a float Lanczos-3 of the full decode.
 
     /usr/bin/python3 bench/imagepath_programs.py --zrk build-bench/bin/zrk \
         --cold build-bench/bin/zrkapi_imagepath_cold
+
+--before-zrk and --before-cold add an earlier build to the same rounds, for
+a before-and-after comparison measured side by side.
 """
 
 import argparse
@@ -69,10 +72,19 @@ def median(pairs, i):
     return statistics.median(p[i] for p in pairs)
 
 
+def cold_runs(program, jpeg):
+    proc = subprocess.run([program, jpeg, "9"], check=True, capture_output=True, text=True)
+    cold = json.loads(proc.stdout)
+    return (cold["first_ms"], statistics.median(cold["warm_ms"]), cold["first_cpu_ms"],
+            statistics.median(cold["warm_cpu_ms"]))
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--zrk", required=True, help="the zrk program")
     parser.add_argument("--cold", required=True, help="the zrkapi_imagepath_cold program")
+    parser.add_argument("--before-zrk", help="zrk of an earlier build, measured in the same rounds")
+    parser.add_argument("--before-cold", help="zrkapi_imagepath_cold built against an earlier library")
     parser.add_argument("--runs", type=int, default=15, help="rounds (each runs every contender once)")
     parser.add_argument("--out", default="build-bench/imagepath", help="directory for outputs and results")
     parser.add_argument("--inputs", help="directory holding (or to hold) the inputs; default --out")
@@ -87,9 +99,14 @@ def main():
     os.makedirs(inputs_dir, exist_ok=True)
     scene_jpeg, _ = scene.inputs(inputs_dir)
     inputs = [("textured scene", scene_jpeg), ("noisy photo", noisy_photo(inputs_dir))]
+    builds = [("zrkapi", args.zrk, args.cold)]
+    if args.before_zrk and args.before_cold:
+        builds.append(("before", args.before_zrk, args.before_cold))
     results = {"runs": args.runs, "cpu": args.cpu, "load_before": os.getloadavg(), "inputs": []}
 
-    starts = {"zrk --version": [args.zrk, "--version"], "vipsthumbnail --help": ["vipsthumbnail", "--help"]}
+    starts = {"vipsthumbnail --help": ["vipsthumbnail", "--help"]}
+    for build, zrk, _ in builds:
+        starts["zrk --version" + ("" if build == "zrkapi" else " (before)")] = [zrk, "--version"]
     start_times = {name: [] for name in starts}
     for name, argv in starts.items():
         run(argv)  # page cache
@@ -101,42 +118,39 @@ def main():
 
     for label, jpeg in inputs:
         reference = scene.Reference(jpeg)
-        ours_out = os.path.join(args.out, "zrk-prepare.jpg")
-        vips_out = os.path.join(args.out, "vipsthumbnail.jpg")
-        programs = {
-            "zrk prepare": [args.zrk, "prepare", jpeg, "-o", ours_out],
-            "vipsthumbnail": ["vipsthumbnail", jpeg, "-s", str(scene.LONGEST), "-o",
-                              vips_out + "[Q=100,subsample_mode=on]"],
-        }
+        programs, outputs = {}, {}
+        for build, zrk, _ in builds:
+            name = "zrk prepare" + ("" if build == "zrkapi" else " (before)")
+            outputs[name] = os.path.join(args.out, "zrk-prepare-%s.jpg" % build)
+            programs[name] = [zrk, "prepare", jpeg, "-o", outputs[name]]
+        outputs["vipsthumbnail"] = os.path.join(args.out, "vipsthumbnail.jpg")
+        programs["vipsthumbnail"] = ["vipsthumbnail", jpeg, "-s", str(scene.LONGEST), "-o",
+                                     outputs["vipsthumbnail"] + "[Q=100,subsample_mode=on]"]
         times = {name: [] for name in programs}
-        first, warm, first_cpu, warm_cpu = [], [], [], []
+        cold = {build: [] for build, _, _ in builds}
         for argv in programs.values():
             run(argv)  # page cache
         for _ in range(args.runs):
             for name, argv in programs.items():
                 times[name].append(run(argv))
-            proc = subprocess.run([args.cold, jpeg, "9"], check=True, capture_output=True, text=True)
-            cold = json.loads(proc.stdout)
-            first.append(cold["first_ms"])
-            warm.append(statistics.median(cold["warm_ms"]))
-            first_cpu.append(cold["first_cpu_ms"])
-            warm_cpu.append(statistics.median(cold["warm_cpu_ms"]))
-        entry = {"input": label, "path": jpeg, "bytes": os.path.getsize(jpeg), "programs": {}}
-        for name, out in (("zrk prepare", ours_out), ("vipsthumbnail", vips_out)):
+            for build, _, program in builds:
+                cold[build].append(cold_runs(program, jpeg))
+        entry = {"input": label, "path": jpeg, "bytes": os.path.getsize(jpeg), "programs": {}, "cold": {}}
+        for name, out in outputs.items():
             with open(out, "rb") as f:
                 quality, size = scene.psnr(reference, f.read())
             entry["programs"][name] = {"median_ms": median(times[name], 0), "median_cpu_ms": median(times[name], 1),
                                        "runs": times[name], "psnr_db": quality, "size": list(size)}
-        entry.update(first_ms=statistics.median(first), warm_ms=statistics.median(warm),
-                     first_cpu_ms=statistics.median(first_cpu), warm_cpu_ms=statistics.median(warm_cpu),
-                     first=first, warm=warm, first_cpu=first_cpu, warm_cpu=warm_cpu)
+        for build, runs in cold.items():
+            entry["cold"][build] = {"first_ms": median(runs, 0), "warm_ms": median(runs, 1),
+                                    "first_cpu_ms": median(runs, 2), "warm_cpu_ms": median(runs, 3), "runs": runs}
         results["inputs"].append(entry)
-        ours, vips = entry["programs"]["zrk prepare"], entry["programs"]["vipsthumbnail"]
+        ours, vips, mine = entry["programs"]["zrk prepare"], entry["programs"]["vipsthumbnail"], entry["cold"]["zrkapi"]
         print("%-15s %.1f MB: zrk prepare %.1f ms (CPU %.1f, %.1f dB), vipsthumbnail %.1f ms (CPU %.1f, %.1f dB), "
               "%.2fx; first %.1f ms, warm %.1f ms, %.2fx" % (
                   label, entry["bytes"] / 1e6, ours["median_ms"], ours["median_cpu_ms"], ours["psnr_db"],
                   vips["median_ms"], vips["median_cpu_ms"], vips["psnr_db"], vips["median_ms"] / ours["median_ms"],
-                  entry["first_ms"], entry["warm_ms"], entry["first_ms"] / entry["warm_ms"]), flush=True)
+                  mine["first_ms"], mine["warm_ms"], mine["first_ms"] / mine["warm_ms"]), flush=True)
     results["load_after"] = os.getloadavg()
     with open(os.path.join(args.out, "results.json"), "w") as f:
         json.dump(results, f, indent=1)
@@ -149,22 +163,23 @@ def main():
 def tables(results):
     lines = ["", "Load average %.2f before, %.2f after; medians of %d rounds on CPU %d." % (
         results["load_before"][0], results["load_after"][0], results["runs"], results["cpu"]), "",
-        "| Input | zrk prepare ms (CPU) | vipsthumbnail ms (CPU) | vipsthumbnail / zrk | zrk dB | vipsthumbnail dB |",
-        "|---|---:|---:|---:|---:|---:|"]
+        "| Input | Program | ms | CPU ms | vipsthumbnail / it (CPU) | Luma PSNR dB |", "|---|---|---:|---:|---:|---:|"]
     for e in results["inputs"]:
-        ours, vips = e["programs"]["zrk prepare"], e["programs"]["vipsthumbnail"]
-        lines.append("| %s, %.1f MB | %.1f (%.1f) | %.1f (%.1f) | %.2fx (CPU %.2fx) | %.1f | %.1f |" % (
-            e["input"], e["bytes"] / 1e6, ours["median_ms"], ours["median_cpu_ms"], vips["median_ms"],
-            vips["median_cpu_ms"], vips["median_ms"] / ours["median_ms"], vips["median_cpu_ms"] / ours["median_cpu_ms"],
-            ours["psnr_db"], vips["psnr_db"]))
+        vips = e["programs"]["vipsthumbnail"]
+        for name, p in e["programs"].items():
+            lines.append("| %s, %.1f MB | `%s` | %.1f | %.1f | %.2fx (%.2fx) | %.1f |" % (
+                e["input"], e["bytes"] / 1e6, name, p["median_ms"], p["median_cpu_ms"],
+                vips["median_ms"] / p["median_ms"], vips["median_cpu_ms"] / p["median_cpu_ms"], p["psnr_db"]))
     lines += ["", "| Start-up alone | ms | CPU ms |", "|---|---:|---:|"]
     for name, t in results["start"].items():
         lines.append("| `%s` | %.1f | %.1f |" % (name, t["median_ms"], t["median_cpu_ms"]))
-    lines += ["", "| Input | first preparation ms (CPU) | warm ms (CPU) | first / warm (CPU) |", "|---|---:|---:|---:|"]
+    lines += ["", "| Input | Build | first preparation ms (CPU) | warm ms (CPU) | first / warm (CPU) |",
+              "|---|---|---:|---:|---:|"]
     for e in results["inputs"]:
-        lines.append("| %s | %.1f (%.1f) | %.1f (%.1f) | %.2fx (%.2fx) |" % (
-            e["input"], e["first_ms"], e["first_cpu_ms"], e["warm_ms"], e["warm_cpu_ms"], e["first_ms"] / e["warm_ms"],
-            e["first_cpu_ms"] / e["warm_cpu_ms"]))
+        for build, c in e["cold"].items():
+            lines.append("| %s | %s | %.1f (%.1f) | %.1f (%.1f) | %.2fx (%.2fx) |" % (
+                e["input"], build, c["first_ms"], c["first_cpu_ms"], c["warm_ms"], c["warm_cpu_ms"],
+                c["first_ms"] / c["warm_ms"], c["first_cpu_ms"] / c["warm_cpu_ms"]))
     return "\n".join(lines) + "\n"
 
 if __name__ == "__main__":

@@ -124,7 +124,11 @@ TEST(ImageOrientation, EXIFSixSwapsTheSizeScalesSidewaysAndEncodesUpright) {
     ASSERT_TRUE(scaled);
     EXPECT_EQ(std::tuple(scaled->imageOrientation(), scaled->pixelWidth(), scaled->pixelHeight()),
               std::tuple(O::right, 24, 16));
-    EXPECT_EQ(ZRKImage::imageWithData(*ZRKImageJPEGRepresentation(*image, 0.9))->pixelWidth(), 32);  // upright
+    // Upright: the stored red top-left ends top right, green bottom right, blue on the left.
+    const auto upright = ZRKImage::imageWithData(*ZRKImageJPEGRepresentation(*image, 0.9));
+    EXPECT_EQ(upright->pixelWidth(), 32);
+    EXPECT_EQ(std::tuple(colourAt(*upright, 28, 4), colourAt(*upright, 28, 44), colourAt(*upright, 4, 24)),
+              std::tuple(0, 1, 2));
   }
 }
 

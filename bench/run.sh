@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Every figure of docs/benchmarks.md in one run: builds the benchmarks in
 # build-bench (Release), then runs the image comparison against the peers,
-# the library's own image benchmarks and the request benchmarks. Results go
+# the library's own image benchmarks, the first preparation of a fresh
+# process and `zrk prepare` against vipsthumbnail, and the request benchmarks. Results go
 # to build-bench/results/, the plot to docs/benchmarks-image.png.
 #
 #   bash bench/run.sh [--runs N]
@@ -23,7 +24,7 @@ done
 need=()
 for pkg in cmake ninja-build g++ pkg-config libcurl4-openssl-dev nlohmann-json3-dev libturbojpeg0-dev libspng-dev \
            libhwy-dev libbenchmark-dev gettext libvips-dev libvips-tools python3-pil python3-opencv python3-numpy \
-           imagemagick python3-matplotlib util-linux; do
+           imagemagick python3-matplotlib util-linux libcli11-dev; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need+=("$pkg")
 done
 if [[ ${#need[@]} -gt 0 ]]; then
@@ -38,9 +39,10 @@ fi
 BUILD=build-bench
 OUT=$BUILD/results
 CPU=$(( $(nproc) > 1 ? 1 : 0 ))
-cmake -S . -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZRK_BUILD_TESTS=OFF -DZRK_BUILD_TOOLS=OFF \
+cmake -S . -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZRK_BUILD_TESTS=OFF -DZRK_BUILD_TOOLS=ON \
   -DZRK_BUILD_EMULATOR=OFF -DZRK_BUILD_EXAMPLES=OFF >/dev/null
-cmake --build "$BUILD" --target zrkapi_bench zrkapi_image_compare zrkapi_request_bench zrkapi_memory_bench -j2
+cmake --build "$BUILD" --target zrkapi_bench zrkapi_image_compare zrkapi_request_bench zrkapi_memory_bench \
+  zrk zrkapi_imagepath_cold -j2
 mkdir -p "$OUT"
 
 {
@@ -57,6 +59,10 @@ echo "== image pipelines against the peers (CPU $CPU)"
 echo "== the library's image benchmarks (CPU $CPU)"
 taskset -c "$CPU" "$BUILD/bin/zrkapi_bench" --benchmark_repetitions="$RUNS" --benchmark_report_aggregates_only=true \
   --benchmark_out="$OUT/image-bench.json" --benchmark_out_format=json | tee "$OUT/image-bench.txt"
+
+echo "== the first preparation of a fresh process; zrk prepare against vipsthumbnail (CPU $CPU)"
+/usr/bin/python3 bench/imagepath_programs.py --zrk "$BUILD/bin/zrk" --cold "$BUILD/bin/zrkapi_imagepath_cold" \
+  --runs "$RUNS" --out "$OUT/imagepath" --inputs "$OUT/compare" --cpu "$CPU" | tee "$OUT/imagepath.txt"
 
 echo "== requests against raw libcurl (server on CPU 0, clients on CPU 1)"
 "$BUILD/bin/zrkapi_request_bench" --repetitions 5 --json "$OUT/requests.json" | tee "$OUT/requests.txt"

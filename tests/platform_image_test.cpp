@@ -3,7 +3,9 @@
 #include <turbojpeg.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
 #include "platform/ZRKImageCodec.h"
 #include "zrk/ZRKImage.h"
@@ -84,6 +86,19 @@ TEST(ImageJPEG, RoundTripsAtTheChosenQualityAndDecodesCMYKAndCutStreams) {
   EXPECT_EQ(cmyk ? colourAt(*cmyk, 8, 8) : -2, 0);
 }
 
+TEST(ImageJPEG, AFileReadsAsItsBytesAndAnEmptyOrMissingOneAsNothing) {
+  const std::string jpeg = jpegOf(picture(64, 48), 64, 48), path = testing::TempDir() + "zrk-image-file.jpg";
+  std::ofstream(path, std::ios::binary) << jpeg;
+  const auto fromFile = ZRKImage::imageWithContentsOfFile(path);
+  ASSERT_TRUE(fromFile);
+  EXPECT_EQ(*fromFile->RGBAPixels(), *ZRKImage::imageWithData(jpeg)->RGBAPixels());
+  std::ofstream(path, std::ios::trunc).close();
+  EXPECT_FALSE(ZRKImage::imageWithContentsOfFile(path));
+  std::remove(path.c_str());
+  EXPECT_FALSE(ZRKImage::imageWithContentsOfFile(path));
+  EXPECT_FALSE(ZRKImage::imageWithContentsOfFile(testing::TempDir()));
+}
+
 TEST(ImagePNG, DecodesLosslessly) {
   const Pixels original = picture(200, 150);
   spng_ctx* ctx = spng_ctx_new(SPNG_CTX_ENCODER);
@@ -109,7 +124,11 @@ TEST(ImageOrientation, EXIFSixSwapsTheSizeScalesSidewaysAndEncodesUpright) {
     ASSERT_TRUE(scaled);
     EXPECT_EQ(std::tuple(scaled->imageOrientation(), scaled->pixelWidth(), scaled->pixelHeight()),
               std::tuple(O::right, 24, 16));
-    EXPECT_EQ(ZRKImage::imageWithData(*ZRKImageJPEGRepresentation(*image, 0.9))->pixelWidth(), 32);  // upright
+    // Upright: the stored red top-left ends top right, green bottom right, blue on the left.
+    const auto upright = ZRKImage::imageWithData(*ZRKImageJPEGRepresentation(*image, 0.9));
+    EXPECT_EQ(upright->pixelWidth(), 32);
+    EXPECT_EQ(std::tuple(colourAt(*upright, 28, 4), colourAt(*upright, 28, 44), colourAt(*upright, 4, 24)),
+              std::tuple(0, 1, 2));
   }
 }
 
@@ -124,7 +143,7 @@ TEST(ImageOrientation, TurnsEveryOrientationUprightAndReadsMalformedEXIFAsUp) {
   for (int i = 0; i < 8; ++i) {
     const auto& [orientation, expected] = cases[i];
     EXPECT_EQ(ZRKImage::imageWithData(withSegment(jpeg, exif(i % 2, i + 1)))->imageOrientation(), orientation);
-    const auto out = detail::orientedUpright(stored.data(), 3, 2, orientation);
+    const auto out = *detail::orientedUpright(stored.data(), 3, 2, orientation);
     std::string seen;
     for (int j = 0; j < out.width * out.height; ++j)
       seen += std::string(j && j % out.width == 0, '/') + char(out.pixels[4 * j]);

@@ -14,10 +14,6 @@ struct TJDestroy {
 };
 using TJHandle = std::unique_ptr<void, TJDestroy>;
 
-struct TJFree {
-  void operator()(unsigned char* buffer) const { tjFree(buffer); }
-};
-
 struct SPNGFree {
   void operator()(spng_ctx* ctx) const { spng_ctx_free(ctx); }
 };
@@ -194,7 +190,8 @@ std::optional<RGBAImage> decodeJPEG(std::string_view jpeg, JPEGScale scale) {
   if (!isWithinImageLimits(image.width, image.height)) return std::nullopt;
   // After a warning (a damaged or cut stream) the decoder still writes every
   // row, with what it could not read as mid grey, so no fill is needed.
-  image.pixels.resize(static_cast<std::size_t>(image.width) * image.height * 4);
+  image.pixels = PixelBuffer::allocate(static_cast<std::size_t>(image.width) * image.height * 4);
+  if (image.pixels.empty()) return std::nullopt;
 
   // libjpeg has no CMYK-to-RGB conversion: take the inks and convert here.
   const bool cmyk = colorspace == TJCS_CMYK || colorspace == TJCS_YCCK;
@@ -231,8 +228,8 @@ std::optional<RGBAImage> decodePNG(std::string_view png) {
   RGBAImage image;
   image.width = static_cast<int>(ihdr.width);
   image.height = static_cast<int>(ihdr.height);
-  image.pixels.resize(size);
-  if (spng_decode_image(ctx.get(), image.pixels.data(), size, SPNG_FMT_RGBA8, SPNG_DECODE_TRNS) != 0) {
+  image.pixels = PixelBuffer::allocate(size);  // the decoder writes every byte or fails
+  if (image.pixels.empty() || spng_decode_image(ctx.get(), image.pixels.data(), size, SPNG_FMT_RGBA8, SPNG_DECODE_TRNS) != 0) {
     return std::nullopt;
   }
   return image;
@@ -241,16 +238,27 @@ std::optional<RGBAImage> decodePNG(std::string_view png) {
 std::optional<std::string> encodeJPEG(const std::uint8_t* rgba, int width, int height, int quality) {
   TJHandle tj(tjInitCompress());
   if (!tj || !rgba || width <= 0 || height <= 0) return std::nullopt;
-  unsigned char* raw = nullptr;
-  unsigned long size = 0;
-  const int status =
-      tjCompress2(tj.get(), rgba, width, 0, height, TJPF_RGBA, &raw, &size, TJSAMP_420, quality, 0);
-  const std::unique_ptr<unsigned char, TJFree> output(raw);  // allocated even when compression fails
-  if (status != 0 || !output) return std::nullopt;
-  return std::string(reinterpret_cast<const char*>(output.get()), size);
+  // The worst case for these sides, in a buffer of our own: the encoder
+  // never has to grow it, and its pages come cheap (see PixelBuffer).
+  const unsigned long bound = tjBufSize(width, height, TJSAMP_420);
+  if (bound == static_cast<unsigned long>(-1)) return std::nullopt;
+  PixelBuffer output = PixelBuffer::allocate(bound);
+  if (output.empty()) return std::nullopt;
+  unsigned char* raw = output.data();
+  unsigned long size = bound;
+  if (tjCompress2(tj.get(), rgba, width, 0, height, TJPF_RGBA, &raw, &size, TJSAMP_420, quality,
+                  TJFLAG_NOREALLOC) != 0 ||
+      raw != output.data() || size > bound) {
+    return std::nullopt;
+  }
+  std::string jpeg;
+  jpeg.reserve(size);
+  if (size >= kPixelBufferMappedMinimum) prefaultForWriting(jpeg.data(), size);
+  jpeg.assign(reinterpret_cast<const char*>(raw), size);
+  return jpeg;
 }
 
-RGBAImage orientedUpright(const std::uint8_t* rgba, int width, int height, ZRKImageOrientation orientation) {
+std::optional<RGBAImage> orientedUpright(const std::uint8_t* rgba, int width, int height, ZRKImageOrientation orientation) {
   using O = ZRKImageOrientation;
   const std::ptrdiff_t w = width, h = height;
   // The source pixel of destination (x, y) is start + x * dx + y * dy (in
@@ -269,7 +277,8 @@ RGBAImage orientedUpright(const std::uint8_t* rgba, int width, int height, ZRKIm
   RGBAImage out;
   out.width = isSideways(orientation) ? height : width;
   out.height = isSideways(orientation) ? width : height;
-  out.pixels.resize(static_cast<std::size_t>(w) * h * 4);
+  out.pixels = PixelBuffer::allocate(static_cast<std::size_t>(w) * h * 4);
+  if (out.pixels.empty()) return std::nullopt;
   std::uint8_t* dst = out.pixels.data();
   for (int y = 0; y < out.height; ++y) {
     std::ptrdiff_t src = start + y * dy;

@@ -5,13 +5,13 @@
 #ifndef ZRK_PLATFORM_ZRKIMAGECODEC_H
 #define ZRK_PLATFORM_ZRKIMAGECODEC_H
 
+#include "platform/ZRKPixelBuffer.h"
 #include "zrk/ZRKImage.h"
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace zrk::detail {
 
@@ -23,7 +23,7 @@ inline constexpr std::uint64_t kMaxImagePixels = 100'000'000;
 bool isWithinImageLimits(std::int64_t width, std::int64_t height);
 
 struct RGBAImage {
-  std::vector<std::uint8_t> pixels;  // width x height x 4, rows without padding
+  PixelBuffer pixels;  // width x height x 4, rows without padding
   int width = 0;
   int height = 0;
 };
@@ -71,8 +71,9 @@ std::optional<RGBAImage> decodePNG(std::string_view png);
 // Baseline JPEG, 4:2:0, alpha ignored; quality 1-100.
 std::optional<std::string> encodeJPEG(const std::uint8_t* rgba, int width, int height, int quality);
 
-// The pixels turned so that they display upright without an orientation.
-RGBAImage orientedUpright(const std::uint8_t* rgba, int width, int height, ZRKImageOrientation orientation);
+// The pixels turned so that they display upright without an orientation;
+// nullopt when the memory cannot be had.
+std::optional<RGBAImage> orientedUpright(const std::uint8_t* rgba, int width, int height, ZRKImageOrientation orientation);
 
 bool isSideways(ZRKImageOrientation orientation);
 

@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <cstring>
 #include <numbers>
+#include <utility>
 #include <vector>
 
 // Also build for AVX-512 with VNNI, whose fused multiply-add is the whole
@@ -33,9 +34,9 @@
 #define HWY_TARGET_INCLUDE "platform/ZRKResampler.cpp"
 #include <hwy/foreach_target.h>  // IWYU pragma: keep
 #include <hwy/highway.h>
-#include <hwy/aligned_allocator.h>
 #include <hwy/cache_control.h>
 
+#include "platform/ZRKPixelBuffer.h"
 #include "platform/ZRKResamplerTargets.h"
 
 #ifndef ZRK_RESAMPLER_SHARED
@@ -47,6 +48,7 @@ constexpr int kWeightBits = 14;
 constexpr int kMidBits = 6;  // fraction bits of the rows between the passes
 constexpr int kVerticalShift = kWeightBits - kMidBits;
 constexpr int kHorizontalShift = kWeightBits + kMidBits;
+constexpr std::size_t kScratchAlignment = 64;  // a PixelBuffer's; enough for every vector load
 
 // One axis: for each output coordinate, where its taps start in the source
 // and their weights. Every output has the same number of taps (zero-padded),
@@ -211,13 +213,14 @@ using namespace zrk::detail::resampler;
 
 #if HWY_TARGET == HWY_SCALAR
 
-void resampleImpl(const Job& job) {
+bool resampleImpl(const Job& job) {
   const std::size_t n = static_cast<std::size_t>(job.src.width) * static_cast<std::size_t>(job.src.channels);
   std::vector<std::int16_t> mid(n);
   for (int y = 0; y < job.dst.height; ++y) {
     verticalRowScalar(job, y, mid.data());
     horizontalRowScalar(job, mid.data(), destinationRow(job.dst, y));
   }
+  return true;
 }
 
 #else
@@ -241,19 +244,20 @@ static_assert(std::endian::native == std::endian::little, "pair layouts assume l
 
 class PairRing {
  public:
-  PairRing(const PixelView& src, std::size_t slots, std::size_t paddedBytes)
+  // `storage` holds slots * 2 * paddedBytes bytes.
+  PairRing(const PixelView& src, std::size_t slots, std::size_t paddedBytes, std::uint8_t* storage)
       : src_(src),
         rowBytes_(static_cast<std::size_t>(src.width) * static_cast<std::size_t>(src.channels)),
         stride_(2 * paddedBytes),
         slots_(slots),
-        storage_(hwy::AllocateAligned<std::uint8_t>(slots * stride_)),
+        storage_(storage),
         built_(slots, -1) {
-    std::memset(storage_.get(), 0, slots * stride_);
+    std::memset(storage_, 0, slots * stride_);
   }
 
   const std::uint8_t* pair(int j) {
     const std::size_t slot = static_cast<std::size_t>(j) % slots_;
-    std::uint8_t* out = storage_.get() + slot * stride_;
+    std::uint8_t* out = storage_ + slot * stride_;
     if (built_[slot] != j) {
       build(j, out);
       built_[slot] = j;
@@ -283,7 +287,7 @@ class PairRing {
   std::size_t rowBytes_;
   std::size_t stride_;
   std::size_t slots_;
-  hwy::AlignedFreeUniquePtr<std::uint8_t[]> storage_;
+  std::uint8_t* storage_;
   std::vector<int> built_;
 };
 
@@ -447,7 +451,8 @@ void unstage(const std::uint8_t* in, int width, std::uint8_t* out) {
   for (int i = 0; i < width; ++i, in += step, out += kChannels) std::memcpy(out, in, kChannels);
 }
 
-void resampleImpl(const Job& job) {
+// False when the scratch memory cannot be had.
+bool resampleImpl(const Job& job) {
   const D16 d16;
   const std::size_t n16 = hn::Lanes(d16);
   const std::size_t tile = kVerticalUnroll * hn::Lanes(d16);
@@ -459,19 +464,33 @@ void resampleImpl(const Job& job) {
 
   const PairedAxis vertical = pairUp(job.vertical, job.dst.height);
   const PairedAxis horizontal = pairUp(job.horizontal, job.dst.width);
-  PairRing ring(job.src, static_cast<std::size_t>(vertical.pairs), columns);
 
+  // Every scratch area in one block, each on a vector boundary: a 12 MP
+  // source needs a few hundred kilobytes, which as separate fresh blocks
+  // cost more in first-touch faults than in use.
   // Room for the odd pixel past the row's end that the last pair may name,
   // and for a 16-byte load from there.
   const std::size_t midSize = std::max(columns, rowBytes + static_cast<std::size_t>(channels) + 8);
-  auto midStorage = hwy::AllocateAligned<std::int16_t>(midSize * groupRows);
-  std::memset(midStorage.get(), 0, midSize * groupRows * sizeof(std::int16_t));
-  std::vector<std::int16_t*> mid(groupRows);
-  for (std::size_t r = 0; r < groupRows; ++r) mid[r] = midStorage.get() + r * midSize;
+  const std::size_t ringBytes = static_cast<std::size_t>(vertical.pairs) * 2 * columns;
+  const std::size_t midBytes = midSize * groupRows * sizeof(std::int16_t);
   // A window padded to the longest one may reach one pair past the row.
-  auto pairs = hwy::AllocateAligned<std::int16_t>((pairCount + 1) * n16);
-  std::memset(pairs.get(), 0, (pairCount + 1) * n16 * sizeof(std::int16_t));
-  auto staged = hwy::AllocateAligned<std::uint8_t>(static_cast<std::size_t>(job.dst.width) * groupRows * 4);
+  const std::size_t pairsBytes = (pairCount + 1) * n16 * sizeof(std::int16_t);
+  const std::size_t stagedBytes = static_cast<std::size_t>(job.dst.width) * groupRows * 4;
+  const auto aligned = [](std::size_t n) { return (n + kScratchAlignment - 1) / kScratchAlignment * kScratchAlignment; };
+  PixelBuffer scratch =
+      PixelBuffer::allocate(aligned(ringBytes) + aligned(midBytes) + aligned(pairsBytes) + aligned(stagedBytes));
+  if (scratch.empty()) return false;
+  std::uint8_t* next = scratch.data();
+  const auto carve = [&](std::size_t n) { return std::exchange(next, next + aligned(n)); };
+
+  PairRing ring(job.src, static_cast<std::size_t>(vertical.pairs), columns, carve(ringBytes));
+  auto* midStorage = reinterpret_cast<std::int16_t*>(carve(midBytes));
+  std::memset(midStorage, 0, midBytes);
+  std::vector<std::int16_t*> mid(groupRows);
+  for (std::size_t r = 0; r < groupRows; ++r) mid[r] = midStorage + r * midSize;
+  auto* pairs = reinterpret_cast<std::int16_t*>(carve(pairsBytes));
+  std::memset(pairs, 0, pairsBytes);
+  std::uint8_t* staged = carve(stagedBytes);
 
   std::vector<const std::uint8_t*> rows(static_cast<std::size_t>(vertical.pairs));
   std::vector<const std::uint8_t*> upcoming;
@@ -494,10 +513,10 @@ void resampleImpl(const Job& job) {
                   vertical.pairs, columns, mid[static_cast<std::size_t>(y - y0)], upcoming.data(), upcoming.size(),
                   rowBytes);
     }
-    layOutPairs(mid.data(), channels, pairCount, pairs.get());
-    horizontalGroup(horizontal, job.dst.width, pairs.get(), staged.get());
+    layOutPairs(mid.data(), channels, pairCount, pairs);
+    horizontalGroup(horizontal, job.dst.width, pairs, staged);
     for (int y = y0; y < groupEnd; ++y) {
-      const std::uint8_t* in = staged.get() + static_cast<std::size_t>(y - y0) * 4;
+      const std::uint8_t* in = staged + static_cast<std::size_t>(y - y0) * 4;
       std::uint8_t* out = destinationRow(job.dst, y);
       switch (channels) {
         case 1: unstage<1>(in, job.dst.width, out); break;
@@ -506,6 +525,7 @@ void resampleImpl(const Job& job) {
       }
     }
   }
+  return true;
 }
 
 #endif  // HWY_TARGET == HWY_SCALAR
@@ -560,8 +580,7 @@ bool resample(const PixelView& src, const MutablePixelView& dst) {
 
   resampler::Job job{src, dst, resampler::makeAxis(src.width, dst.width),
                      resampler::makeAxis(src.height, dst.height)};
-  HWY_DYNAMIC_DISPATCH(resampleImpl)(job);
-  return true;
+  return HWY_DYNAMIC_DISPATCH(resampleImpl)(job);
 }
 
 std::vector<ResamplerTarget> resamplerTargets() {

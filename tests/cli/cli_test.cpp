@@ -8,6 +8,7 @@
 #include "zrk/testing/ZRKProcess.h"
 #include "support/ScriptedServer.h"
 #include "zrk/ZRKApiError.h"
+#include "zrk/ZRKImage.h"
 #include "zrk/ZRKJson.h"
 
 namespace zrk::test {
@@ -185,6 +186,20 @@ TEST_F(CliTest, UsageErrorsExitWithTwoAndSendNothing) {
     const auto run = ZRKProcess::run(ZRK_CLI_PATH, args);
     EXPECT_EQ(run.status, 2) << ::testing::PrintToString(args);
     EXPECT_TRUE(run.out.empty() && contains(run.err, "zrk: ")) << run.out << run.err;
+  }
+  EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(CliTest, PrepareWritesTheUploadAndSendsNothing) {
+  const std::string large = std::filesystem::temp_directory_path() / "zrk-cli-large.jpg";
+  const auto grey = ZRKImage::imageWithRGBAPixels(std::vector<std::uint8_t>(1600 * 1200 * 4, 90), 1600, 1200);
+  std::ofstream(large, std::ios::binary) << *ZRKImageJPEGRepresentation(*grey, 0.9);
+  for (const auto& [photo, size] : {std::pair(kPhoto, "960x720"), std::pair(large, "1000x750")}) {
+    const std::string out = large + ".upload.jpg";
+    const auto run = zrk({"prepare", photo, "-o", out});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, "wrote " + out + ": " + size + " JPEG, " + std::to_string(std::filesystem::file_size(out)) +
+                           " bytes\n");
   }
   EXPECT_TRUE(server.requests().empty());
 }

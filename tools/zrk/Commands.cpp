@@ -172,7 +172,7 @@ ExitStatus runPrepare(const Invocation& in, Console& console) {
     console.problem(in.image + " is not a readable JPEG or PNG file");
     return kUsageError;
   }
-  const auto jpeg = ZRKScanUploadJPEG(*image);  // exactly what a scan uploads
+  auto jpeg = ZRKScanUploadJPEG(*image);  // exactly what a scan uploads
   if (!jpeg) {
     console.problem(in.image + " cannot be decoded");
     return kUsageError;
@@ -184,12 +184,14 @@ ExitStatus runPrepare(const Invocation& in, Console& console) {
     console.problem("cannot write " + in.output);
     return kUsageError;
   }
-  const auto written = ZRKImage::imageWithData(*jpeg);
+  // The bytes are written: the image reading their header may keep them.
+  const std::size_t bytes = jpeg->size();
+  const auto written = ZRKImage::imageWithData(std::move(*jpeg));
   const int width = written ? written->pixelWidth() : 0;
   const int height = written ? written->pixelHeight() : 0;
-  console.print({{{"output", in.output}, {"width", width}, {"height", height}, {"bytes", jpeg->size()}},
+  console.print({{{"output", in.output}, {"width", width}, {"height", height}, {"bytes", bytes}},
                  "wrote " + in.output + ": " + std::to_string(width) + "x" + std::to_string(height) + " JPEG, " +
-                     std::to_string(jpeg->size()) + " bytes\n"});
+                     std::to_string(bytes) + " bytes\n"});
   return kSuccess;
 }
 

@@ -121,11 +121,10 @@ Report summaryOf(const FolderScanPlan& plan, const Batch& batch, double seconds,
     if (!slowest || record.seconds > slowest->seconds) slowest = &record, slowestIndex = i;
     if (!plan.expectations) continue;
     const auto expected = plan.expectations->of(plan.sources[i]);
+    if (!expected) ++unlisted;
     if (const auto verdict = judge(record, expected)) {
       ++judged;
       ++verdicts[static_cast<int>(*verdict)];
-    } else if (!expected) {
-      ++unlisted;
     }
   }
   const auto count = [&](State state) { return counts[static_cast<int>(state)]; };

@@ -81,7 +81,7 @@ TEST_F(FolderScanTest, ScansAFolderAndUrlsInOrderAndJudgesThemAgainstExpect) {
   const std::string url = emulator.lineAfter("listening on ");
   ASSERT_FALSE(url.empty()) << emulator.err();
   const std::string poster = url + "/files/triggers/robot-lab", missing = url + "/files/triggers/none";
-  std::ofstream(dir_ / "expect.csv") << "Source,Trigger\r\njazz-night-photo.jpg,jazz-night\r\n"
+  std::ofstream(dir_ / "expect.csv") << "Source,Trigger\r\njazz-night-photo.jpg,Jazz Night\r\n"
                                      << "\"sub/star-dome-photo.jpg\", Trail Shoe X2\nplain-a.JPG,\n"
                                      << "sub/plain-b.png.jpeg,robot-lab\nbroken.png,jazz-night\n" << poster << ",robot-lab\n";
 
@@ -138,12 +138,15 @@ class FolderScanScriptedTest : public FolderScanTest {
 };
 
 TEST_F(FolderScanScriptedTest, ExitStatusSaysWhetherEveryScanGotAnAnswer) {
+  // One folder alone is scanned as a folder; the token is fetched once for all its scans.
+  EXPECT_EQ(zrk(server_->url(), {"scan", file("sub"), "--jobs", "2"}).status, 0);
+  EXPECT_EQ(server_->requests().size(), 3u);
   const Args urls = {"scan", "http://i/1.jpg", "http://i/2.jpg"};
   EXPECT_EQ(zrk(server_->url(), urls).status, 0);
-  EXPECT_EQ(scansSent(), 2u);
+  EXPECT_EQ(scansSent(), 4u);
   // The second's broken file is a failed scan; the others still go.
   EXPECT_EQ(zrk(server_->url(), {"scan", "http://i/1.jpg", file("broken.png"), "http://i/2.jpg"}).status, 1);
-  EXPECT_EQ(scansSent(), 4u);
+  EXPECT_EQ(scansSent(), 6u);
 
   std::ofstream(dir_ / "open-quote.csv") << "a.jpg,\"t1\n";
   std::ofstream(dir_ / "three.csv") << "a.jpg,t1,t2\n";
@@ -157,7 +160,7 @@ TEST_F(FolderScanScriptedTest, ExitStatusSaysWhetherEveryScanGotAnAnswer) {
     const auto run = zrk(server_->url(), args);
     EXPECT_TRUE(run.status == 2 && run.out.empty() && run.err.starts_with("zrk: ")) << run.err;
   }
-  EXPECT_EQ(scansSent(), 4u);  // usage errors send nothing
+  EXPECT_EQ(scansSent(), 6u);  // usage errors send nothing
 
   serve(holdOpen());
   const auto silent = zrk(server_->url(), {"--timeout", "0.5", "scan", "http://i/1.jpg", "http://i/2.jpg"});

@@ -6,10 +6,11 @@
 //   zrk-make-samples emulator/samples
 //
 // With --photos N it writes N phone-sized photographs instead, most of a
-// seed poster and every fifth of a poster the seed does not hold, for
+// seed poster and a fifth of a poster the seed does not hold, for
 // benchmarks that need a folder of photos:
 //
 //   zrk-make-samples --photos 200 DIR
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
@@ -18,6 +19,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -153,8 +155,10 @@ std::string upper(std::string text) {
   return text;
 }
 
-// 12-megapixel shots, landscape and portrait, each framed, turned and lit
-// its own way; the same N gives the same files.
+// 12-megapixel photos, landscape and portrait. Drawing a room at that size
+// takes seconds, so 25 shots are drawn (framed, turned and lit each its own
+// way) and every photo is one of them cropped, shifted and lit a little
+// differently; the same N gives the same files.
 int writePhotoSet(int count, const fs::path& folder) {
   std::vector<cv::Mat> posters;
   for (const auto& collection : kCollections) {
@@ -162,21 +166,33 @@ int writePhotoSet(int count, const fs::path& folder) {
       posters.push_back(samples::makePoster(trigger.seed, upper(trigger.name), trigger.smallPrint));
     }
   }
-  fs::create_directories(folder);
-  for (int i = 0; i < count; ++i) {
+  constexpr int kShots = 25;
+  std::vector<cv::Mat> shots;
+  for (int i = 0; i < std::min(count, kShots); ++i) {
     samples::SeededRandom random(static_cast<std::uint32_t>(7000 + i));
     samples::ShotOptions options;
     options.size = i % 3 == 2 ? cv::Size(3024, 4032) : cv::Size(4032, 3024);
     options.coverage = random.uniform(0.4, 0.7);
     options.rotationDegrees = random.uniform(-5, 5);
     options.perspective = random.uniform(0, 0.14);
-    options.lighting = random.uniform(0.7, 1.0);
+    options.lighting = random.uniform(0.75, 1.0);
     options.noise = random.uniform(3, 7);
     const cv::Mat poster = i % 5 == 4 ? samples::makePoster(random.next(), samples::randomWord(random, 4, 9))
                                       : posters[static_cast<std::size_t>(i) % posters.size()];
+    shots.push_back(samples::photograph(poster, random.next(), options));
+  }
+  fs::create_directories(folder);
+  for (int i = 0; i < count; ++i) {
+    samples::SeededRandom random(static_cast<std::uint32_t>(9000 + i));
+    const cv::Mat& shot = shots[static_cast<std::size_t>(i) % shots.size()];
+    const int dx = random.integer(0, shot.cols / 25), dy = random.integer(0, shot.rows / 25);
+    cv::Mat photo;
+    cv::resize(shot(cv::Rect(dx, dy, shot.cols - shot.cols / 25, shot.rows - shot.rows / 25)), photo, shot.size(), 0,
+               0, cv::INTER_LINEAR);
+    photo.convertTo(photo, -1, random.uniform(0.9, 1.1), random.uniform(-8, 8));
     char name[32];
     std::snprintf(name, sizeof name, "photo-%03d.jpg", i);
-    write(folder / name, jpeg(samples::photograph(poster, random.next(), options), 90));
+    write(folder / name, jpeg(photo, random.integer(86, 92)));
   }
   std::printf("%d photos in %s\n", count, folder.string().c_str());
   return 0;

@@ -129,7 +129,7 @@ std::variant<Invocation, int> parseCommandLine(int argc, const char* const* argv
   app.add_option("--lat", in.lat, "End-user latitude in degrees")->check(CLI::Range(-90.0, 90.0));
   app.add_option("--lng", in.lng, "End-user longitude in degrees (sent only when above 0)")
       ->check(CLI::Range(-180.0, 180.0));
-  app.add_option("--timeout", in.timeoutSeconds, "Seconds to wait for the answer")
+  app.add_option("--timeout", in.timeoutSeconds, "Seconds to wait for the answer (to each scan of several)")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
   app.add_flag("--json", in.json, "Print the result as JSON");

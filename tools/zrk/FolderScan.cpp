@@ -262,6 +262,7 @@ ExitStatus runFolderScan(const Invocation& in, const FolderScanPlan& plan, const
     while (!stopping && tokenStepDone && batch->running < static_cast<std::size_t>(in.jobs) && next < total) {
       start(next++);
     }
+    if (batch->running > 0) wakeUp = std::min(wakeUp, now + timeout);  // the ones just started
     for (; printed < next && done(batch->records[printed]); ++printed) {
       bar.makeRoomForOutput();
       const auto expected = plan.expectations ? plan.expectations->of(plan.sources[printed]) : std::nullopt;

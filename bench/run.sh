@@ -2,8 +2,9 @@
 # Every figure of docs/benchmarks.md in one run: builds the benchmarks in
 # build-bench (Release), then runs the image comparison against the peers,
 # the library's own image benchmarks, the first preparation of a fresh
-# process and `zrk prepare` against vipsthumbnail, and the request benchmarks. Results go
-# to build-bench/results/, the plot to docs/benchmarks-image.png.
+# process and `zrk prepare` against vipsthumbnail, the request benchmarks and
+# a folder scan by zrk against zrk-emulator. Results go to
+# build-bench/results/, the plot to docs/benchmarks-image.png.
 #
 #   bash bench/run.sh [--runs N]
 #
@@ -24,7 +25,8 @@ done
 need=()
 for pkg in cmake ninja-build g++ pkg-config libcurl4-openssl-dev nlohmann-json3-dev libturbojpeg0-dev libspng-dev \
            libhwy-dev libbenchmark-dev gettext libvips-dev libvips-tools python3-pil python3-opencv python3-numpy \
-           imagemagick python3-matplotlib util-linux libcli11-dev; do
+           imagemagick python3-matplotlib util-linux libcli11-dev libcpp-httplib-dev libsqlite3-dev libssl-dev \
+           libopencv-dev; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need+=("$pkg")
 done
 if [[ ${#need[@]} -gt 0 ]]; then
@@ -40,9 +42,9 @@ BUILD=build-bench
 OUT=$BUILD/results
 CPU=$(( $(nproc) > 1 ? 1 : 0 ))
 cmake -S . -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZRK_BUILD_TESTS=OFF -DZRK_BUILD_TOOLS=ON \
-  -DZRK_BUILD_EMULATOR=OFF -DZRK_BUILD_EXAMPLES=OFF >/dev/null
+  -DZRK_BUILD_EMULATOR=ON -DZRK_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$BUILD" --target zrkapi_bench zrkapi_image_compare zrkapi_request_bench zrkapi_memory_bench \
-  zrk zrkapi_imagepath_cold -j2
+  zrk zrkapi_imagepath_cold zrk-emulator zrk-make-samples -j2
 mkdir -p "$OUT"
 
 {
@@ -69,5 +71,8 @@ echo "== requests against raw libcurl (server on CPU 0, clients on CPU 1)"
 
 echo "== peak memory of one large answer"
 "$BUILD/bin/zrkapi_memory_bench" 16 50 63 | tee "$OUT/memory.txt"
+
+echo "== a folder of 200 photos scanned by zrk against zrk-emulator"
+/usr/bin/python3 bench/folder_scan.py --build "$BUILD" --json "$OUT/folder-scan.json" | tee "$OUT/folder-scan.txt"
 
 echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)" | tee -a "$OUT/machine.txt"

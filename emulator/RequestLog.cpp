@@ -16,14 +16,16 @@ nlohmann::json RequestLog::toJson() const {
     // A list of pairs, since a name may come more than once.
     nlohmann::json headers = nlohmann::json::array();
     for (const auto& [name, value] : entry.headers) headers.push_back({name, value});
-    list.push_back({{"sequence", entry.sequence},
-                    {"time", entry.time},
-                    {"method", entry.method},
-                    {"path", entry.path},
-                    {"query", entry.query},
-                    {"headers", std::move(headers)},
-                    {"bodySize", entry.bodySize},
-                    {"status", entry.status}});
+    nlohmann::json item = {{"sequence", entry.sequence},
+                           {"time", entry.time},
+                           {"method", entry.method},
+                           {"path", entry.path},
+                           {"query", entry.query},
+                           {"headers", std::move(headers)},
+                           {"bodySize", entry.bodySize},
+                           {"status", entry.status}};
+    if (entry.durationMs >= 0) item["durationMs"] = entry.durationMs;
+    list.push_back(std::move(item));
   }
   const std::uint64_t total = next_ - 1;
   return {{"requests", std::move(list)}, {"capacity", capacity_}, {"dropped", total - entries_.size()}};

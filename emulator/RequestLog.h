@@ -1,5 +1,6 @@
 // The most recent requests the emulator answered, for tests and for people
-// debugging their client: method, path, query, headers, body size, status.
+// debugging their client: method, path, query, headers, body size, status,
+// and how long the service worked on it.
 // Bounded: the oldest entries fall out. Safe to use from any thread.
 #ifndef ZRK_EMULATOR_REQUESTLOG_H
 #define ZRK_EMULATOR_REQUESTLOG_H
@@ -24,6 +25,7 @@ struct LoggedRequest {
   std::vector<std::pair<std::string, std::string>> headers;
   std::uint64_t bodySize = 0;
   int status = 0;
+  double durationMs = -1;  // the handler's time, from Server-Timing; -1 for paths that do not time
 };
 
 class RequestLog {

@@ -1,6 +1,7 @@
 #include "Service.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <random>
 #include <regex>
 #include <thread>
@@ -71,7 +72,12 @@ httplib::Server::Handler Service::serviceRoute(Route route) {
       sendError(response, 503, "Service unavailable (fault injected by --fail-rate)");
       return;
     }
+    const auto started = std::chrono::steady_clock::now();
     (this->*route)(request, response);
+    // The service's own share of a request's time (recognition, for a scan),
+    // so that a client can tell it from its own and the network's.
+    const std::chrono::duration<double, std::milli> worked = std::chrono::steady_clock::now() - started;
+    response.set_header("Server-Timing", "app;dur=" + std::to_string(worked.count()));
   };
 }
 
@@ -153,6 +159,9 @@ void Service::install(httplib::Server& server) {
       }
     }
     entry.status = response.status;
+    if (const auto timing = response.get_header_value("Server-Timing"); timing.starts_with("app;dur=")) {
+      entry.durationMs = std::strtod(timing.c_str() + 8, nullptr);
+    }
     log_.add(std::move(entry));
   });
 }

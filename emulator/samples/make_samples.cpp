@@ -4,6 +4,13 @@
 // other. The committed emulator/samples/seed and photos come from here:
 //
 //   zrk-make-samples emulator/samples
+//
+// With --photos N it writes N phone-sized photographs instead, most of a
+// seed poster and a fifth of a poster the seed does not hold, for
+// benchmarks that need a folder of photos:
+//
+//   zrk-make-samples --photos 200 DIR
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
@@ -12,6 +19,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -147,11 +155,66 @@ std::string upper(std::string text) {
   return text;
 }
 
+// 12-megapixel photos, landscape and portrait. Drawing a room at that size
+// takes seconds, so 25 shots are drawn (framed, turned and lit each its own
+// way) and every photo is one of them cropped, shifted and lit a little
+// differently; the same N gives the same files.
+int writePhotoSet(int count, const fs::path& folder) {
+  std::vector<cv::Mat> posters;
+  for (const auto& collection : kCollections) {
+    for (const auto& trigger : collection.triggers) {
+      posters.push_back(samples::makePoster(trigger.seed, upper(trigger.name), trigger.smallPrint));
+    }
+  }
+  constexpr int kShots = 25;
+  std::vector<cv::Mat> shots;
+  for (int i = 0; i < std::min(count, kShots); ++i) {
+    samples::SeededRandom random(static_cast<std::uint32_t>(7000 + i));
+    samples::ShotOptions options;
+    options.size = i % 3 == 2 ? cv::Size(3024, 4032) : cv::Size(4032, 3024);
+    options.coverage = random.uniform(0.4, 0.7);
+    options.rotationDegrees = random.uniform(-5, 5);
+    options.perspective = random.uniform(0, 0.14);
+    options.lighting = random.uniform(0.75, 1.0);
+    options.noise = random.uniform(3, 7);
+    const cv::Mat poster = i % 5 == 4 ? samples::makePoster(random.next(), samples::randomWord(random, 4, 9))
+                                      : posters[static_cast<std::size_t>(i) % posters.size()];
+    shots.push_back(samples::photograph(poster, random.next(), options));
+  }
+  fs::create_directories(folder);
+  for (int i = 0; i < count; ++i) {
+    samples::SeededRandom random(static_cast<std::uint32_t>(9000 + i));
+    const cv::Mat& shot = shots[static_cast<std::size_t>(i) % shots.size()];
+    const int dx = random.integer(0, shot.cols / 25), dy = random.integer(0, shot.rows / 25);
+    cv::Mat photo;
+    cv::resize(shot(cv::Rect(dx, dy, shot.cols - shot.cols / 25, shot.rows - shot.rows / 25)), photo, shot.size(), 0,
+               0, cv::INTER_LINEAR);
+    photo.convertTo(photo, -1, random.uniform(0.9, 1.1), random.uniform(-8, 8));
+    char name[32];
+    std::snprintf(name, sizeof name, "photo-%03d.jpg", i);
+    write(folder / name, jpeg(photo, random.integer(86, 92)));
+  }
+  std::printf("%d photos in %s\n", count, folder.string().c_str());
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 4 && std::string(argv[1]) == "--photos") {
+    try {
+      const int count = std::stoi(argv[2]);
+      if (count < 1) throw std::invalid_argument("N must be 1 or more");
+      return writePhotoSet(count, argv[3]);
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "zrk-make-samples: %s\n", error.what());
+      return 2;
+    }
+  }
   if (argc > 2 || (argc == 2 && (std::string(argv[1]) == "-h" || std::string(argv[1]) == "--help"))) {
-    std::fprintf(stderr, "usage: zrk-make-samples [OUTPUT_DIR]\nwrites OUTPUT_DIR/seed and OUTPUT_DIR/photos\n");
+    std::fprintf(stderr,
+                 "usage: zrk-make-samples [OUTPUT_DIR]\nwrites OUTPUT_DIR/seed and OUTPUT_DIR/photos\n"
+                 "   or: zrk-make-samples --photos N DIR\nwrites N phone-sized photos of posters to DIR\n");
     return 2;
   }
   try {

@@ -14,8 +14,12 @@ namespace zrk::tool {
 namespace {
 
 void scanOptions(CLI::App& app, Invocation& in) {
-  app.add_option("source", in.source, "An http:// or https:// URL of an image, or a JPEG or PNG file")->required();
+  app.add_option("source", in.sources, "http(s) URLs of images, JPEG or PNG files, or folders of them")->required();
   app.add_option("--collection", in.collection, "Scan only against this collection");
+  app.add_option("--jobs", in.jobs, "Scans in flight at once when there are several")
+      ->check(CLI::Range(1, 64))
+      ->capture_default_str();
+  app.add_option("--expect", in.expect, "A CSV of source,trigger: the summary then judges the answers");
 }
 
 void historyOptions(CLI::App& app, Invocation& in) {
@@ -57,7 +61,8 @@ struct CommandEntry {
 };
 
 constexpr CommandEntry kCommands[] = {
-    {nullptr, "scan", "scan SOURCE [--collection ID]", "Scan an image given by URL or as a JPEG or PNG file",
+    {nullptr, "scan", "scan SOURCE... [--collection ID] [--jobs N] [--expect FILE]",
+     "Scan images given by URL, as JPEG or PNG files, or as folders of them",
      Command::scan, scanOptions},
     {nullptr, "collections", "collections", "List the app's collections", Command::collections, noOptions},
     {nullptr, "history", "history [--count N] [--offset N]", "Page through the scan history", Command::history,
@@ -84,9 +89,10 @@ std::string footer() {
   }
   text +=
       "\nSOURCE is scanned by URL when it starts with http:// or https://, otherwise uploaded as a photo\n"
-      "(reduced to at most 1000 pixels a side).\n"
-      "\nExit status: 0 success; 1 the service or the transport reported an error; 2 usage error;\n"
-      "3 no answer within the time-out.\n"
+      "(reduced to at most 1000 pixels a side); a folder is searched for .jpg, .jpeg and .png files,\n"
+      "subfolders included. Several sources print one line each, in order, then a summary.\n"
+      "\nExit status: 0 success; 1 the service or the transport reported an error (any failed scan);\n"
+      "2 usage error; 3 no answer within the time-out; 130 stopped by Ctrl-C.\n"
       "Run 'zrk COMMAND --help' for a command's options.";
   return text;
 }
@@ -123,7 +129,7 @@ std::variant<Invocation, int> parseCommandLine(int argc, const char* const* argv
   app.add_option("--lat", in.lat, "End-user latitude in degrees")->check(CLI::Range(-90.0, 90.0));
   app.add_option("--lng", in.lng, "End-user longitude in degrees (sent only when above 0)")
       ->check(CLI::Range(-180.0, 180.0));
-  app.add_option("--timeout", in.timeoutSeconds, "Seconds to wait for the answer")
+  app.add_option("--timeout", in.timeoutSeconds, "Seconds to wait for the answer (to each scan of several)")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
   app.add_flag("--json", in.json, "Print the result as JSON");

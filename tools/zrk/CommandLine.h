@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "Output.h"
 #include "zrk/ZRKJson.h"
@@ -37,8 +38,10 @@ struct Invocation {
   bool json = false;
 
   Command command = Command::collections;
-  std::string source;                     // scan: a URL or an image file
+  std::vector<std::string> sources;       // scan: URLs, image files, folders
   std::optional<std::string> collection;  // scan
+  int jobs = 4;                           // scan: in flight at once
+  std::optional<std::string> expect;      // scan: the CSV of expected triggers
   ZRKInteger count = 20;                  // history
   ZRKInteger offset = 0;                  // history
   UserFields user;                        // register, update, login, logout

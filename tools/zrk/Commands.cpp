@@ -1,14 +1,16 @@
 #include "Commands.h"
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <fstream>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <variant>
 
+#include "FolderScan.h"
+#include "ScanSources.h"
 #include "Waiting.h"
 #include "zrk/ZRKApi.h"
 #include "zrk/ZRKCollection.h"
@@ -21,16 +23,6 @@
 
 namespace zrk::tool {
 namespace {
-
-bool startsWithNoCase(std::string_view text, std::string_view prefix) {
-  return text.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), text.begin(), [](char a, char b) {
-           return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-         });
-}
-
-bool isWebAddress(std::string_view source) {
-  return startsWithNoCase(source, "http://") || startsWithNoCase(source, "https://");
-}
 
 std::chrono::milliseconds timeoutOf(const Invocation& in) {
   // Bounded so that a huge value cannot overflow the clock arithmetic.
@@ -85,17 +77,18 @@ ExitStatus runScan(const Invocation& in, Console& console, const std::shared_ptr
                    const std::shared_ptr<Outcome>& outcome) {
   auto completion = answer<std::shared_ptr<ZRKScanAPIResponse>>(
       outcome, console, [](const ZRKScanAPIResponse& scan) { return report(scan); });
-  if (isWebAddress(in.source)) {
-    const auto url = ZRKURL::URLWithString(in.source);
+  const std::string& source = in.sources.front();
+  if (isWebAddress(source)) {
+    const auto url = ZRKURL::URLWithString(source);
     if (!url) {
-      console.problem("not a valid URL: " + in.source);
+      console.problem("not a valid URL: " + source);
       return kUsageError;
     }
     client->scanWithUrl(url, in.collection, completion);
   } else {
-    const auto image = ZRKImage::imageWithContentsOfFile(in.source);
+    const auto image = ZRKImage::imageWithContentsOfFile(source);
     if (!image) {
-      console.problem(in.source + " is neither an http(s) URL nor a readable JPEG or PNG file");
+      console.problem(source + " is neither an http(s) URL nor a readable JPEG or PNG file");
       return kUsageError;
     }
     client->scanWithImage(image, in.collection, completion);
@@ -209,9 +202,19 @@ ExitStatus runCommand(const Invocation& in, Console& console) {
     console.problem("--base-url must be an http:// or https:// URL: " + in.baseUrl);
     return kUsageError;
   }
+  std::optional<FolderScanPlan> folderScan;
+  if (in.command == Command::scan && isFolderScan(in)) {
+    auto plan = planFolderScan(in);
+    if (const auto* problem = std::get_if<std::string>(&plan)) {
+      console.problem(*problem);
+      return kUsageError;
+    }
+    folderScan = std::move(std::get<FolderScanPlan>(plan));
+  }
   configureLibrary(in);
 
   const auto client = ZRKApi::sharedApiClient();
+  if (folderScan) return runFolderScan(in, *folderScan, console, client, timeoutOf(in));
   const auto outcome = Outcome::make();
   switch (in.command) {
     case Command::scan:

@@ -9,6 +9,7 @@ enum ExitStatus : int {
   kServiceError = 1,  // the service or the transport reported an error
   kUsageError = 2,
   kNoAnswer = 3,  // nothing came back within the time-out
+  kInterrupted = 130,  // Ctrl-C, as a shell reports a program SIGINT ended
 };
 
 }  // namespace zrk::tool

@@ -115,10 +115,24 @@ Report report(const ZRKUserAPIResponse* account, std::string_view headline) {
   return out;
 }
 
-void Console::print(const Report& report) const {
+std::string errorSummary(const ZRKError& error) {
+  std::string text = error.domain + " error " + std::to_string(error.code) + ": " + error.localizedDescription();
+  // The developer's text says more when the user's text is the generic one.
+  const auto message = error.userInfo.find(ZRKErrorMessageKey);
+  if (message != error.userInfo.end() && message->is_string() && *message != error.localizedDescription()) {
+    text += " (" + message->get<std::string>() + ")";
+  }
+  return text;
+}
+
+void Console::print(const Report& report) const { write(report, 2); }
+
+void Console::printLine(const Report& report) const { write(report, -1); }
+
+void Console::write(const Report& report, int indent) const {
   secrets_.addAppToken();
   if (json_) {
-    std::cout << secrets_.redact(report.json).dump(2) << "\n";
+    std::cout << secrets_.redact(report.json).dump(indent) << "\n";
   } else {
     std::cout << secrets_.redact(report.text);
   }
@@ -127,13 +141,7 @@ void Console::print(const Report& report) const {
 
 void Console::error(const ZRKError& error) const {
   secrets_.addAppToken();
-  std::string text = "zrk: " + error.domain + " error " + std::to_string(error.code) + ": " +
-                     error.localizedDescription();
-  // The developer's text says more when the user's text is the generic one.
-  const auto message = error.userInfo.find(ZRKErrorMessageKey);
-  if (message != error.userInfo.end() && message->is_string() && *message != error.localizedDescription()) {
-    text += " (" + message->get<std::string>() + ")";
-  }
+  std::string text = "zrk: " + errorSummary(error);
   const auto detail = error.userInfo.find(ZRKErrorDetailKey);
   if (detail != error.userInfo.end()) text += "\n  detail: " + detail->dump();
   std::cerr << secrets_.redact(text) << "\n";

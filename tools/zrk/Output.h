@@ -40,16 +40,23 @@ Report report(const std::vector<std::shared_ptr<ZRKScanHistory>>& history);
 // headline says what happened ("logged in"); the fields follow it.
 Report report(const ZRKUserAPIResponse* account, std::string_view headline);
 
+// "DOMAIN error CODE: description (message)" on one line.
+std::string errorSummary(const ZRKError& error);
+
 class Console {
  public:
   Console(bool json, Secrets& secrets) : json_(json), secrets_(secrets) {}
 
   void print(const Report& report) const;
+  // The report as one line: the text as it is, or the JSON without breaks.
+  void printLine(const Report& report) const;
   void error(const ZRKError& error) const;
   // A problem of the program's own (usage, files), one line on stderr.
   void problem(std::string_view message) const;
 
  private:
+  void write(const Report& report, int indent) const;  // indent -1: one line
+
   bool json_;
   Secrets& secrets_;  // learns the app token once the library has one
 };

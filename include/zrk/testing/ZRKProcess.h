@@ -104,6 +104,10 @@ class ZRKProcess {
     }
     return status_;
   }
+  // Sends a signal and returns at once; stop() also waits for the end.
+  void signal(int signal) {
+    if (pid_ > 0) ::kill(pid_, signal);
+  }
   int stop(int signal = SIGTERM, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
     if (pid_ > 0) ::kill(pid_, signal);
     return wait(timeout);

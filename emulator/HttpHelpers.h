@@ -46,6 +46,9 @@ inline std::optional<std::uint64_t> contentLength(const httplib::Request& reques
 // When the request being served started, on the thread that serves it:
 // httplib reads, routes, answers and logs a request on one thread.
 inline thread_local std::optional<std::chrono::steady_clock::time_point> requestStarted;
+// The scan the current request made, for its log entry: (scan id, matched
+// trigger id or ""). The answer itself may be compressed by then.
+inline thread_local std::optional<std::pair<std::string, std::string>> requestScan;
 
 }  // namespace zrk::emulator
 

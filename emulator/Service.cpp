@@ -114,6 +114,7 @@ void Service::install(httplib::Server& server) {
   // too-large body to its end before refusing it.)
   server.set_pre_routing_handler([](const httplib::Request& request, httplib::Response& response) {
     requestStarted = std::chrono::steady_clock::now();
+    requestScan.reset();
     const auto length = contentLength(request);
     if (!request.path.starts_with("/__emulator/") || !length || *length <= kMaxBodyBytes)
       return httplib::Server::HandlerResponse::Unhandled;
@@ -184,9 +185,11 @@ void Service::install(httplib::Server& server) {
     sendError(response, 500, "Internal error of the emulator", {{"reason", what}});
   });
   server.set_logger([this](const httplib::Request& request, const httplib::Response& response) {
-    if (request.path.starts_with("/__emulator/") || request.path == "/" || request.path.starts_with("/console/")) {
-      return;
-    }
+    // The console's own requests would only bury the ones it is there to show.
+    const bool console = request.path.starts_with("/__emulator/") || request.path == "/" ||
+                         request.path.starts_with("/console/") ||
+                         (request.path.starts_with("/files/") && request.get_param_value("via") == "console");
+    if (console) return;
     log_.add(logEntry(request, response));
   });
 }

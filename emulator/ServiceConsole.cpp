@@ -121,13 +121,11 @@ LoggedRequest Service::logEntry(const httplib::Request& request, const httplib::
     }
   }
   // A scan's photo is kept with the scan; the log points there.
-  if (request.path.starts_with("/app/v1/scan") && response.status == 200) {
-    const auto answer = nlohmann::json::parse(response.body, nullptr, false);
-    if (answer.is_object() && answer.contains("id") && answer["id"].is_string()) {
-      if (entry.body.is_null()) entry.body = nlohmann::json::object();
-      entry.body["scanImage"] = "/files/scans/" + answer["id"].get<std::string>();
-      if (answer.contains("triggerId")) entry.body["triggerId"] = answer["triggerId"];
-    }
+  if (requestScan) {
+    if (entry.body.is_null()) entry.body = nlohmann::json::object();
+    entry.body["scanImage"] = "/files/scans/" + requestScan->first;
+    if (!requestScan->second.empty()) entry.body["triggerId"] = requestScan->second;
+    requestScan.reset();
   }
   entry.status = response.status;
   return entry;

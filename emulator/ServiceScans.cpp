@@ -130,6 +130,7 @@ void Service::scan(const httplib::Request& request, httplib::Response& response)
     record.payloadUrl = trigger->payloadUrl;
   }
   storage_.insertScan(record, image, *imageType);
+  requestScan.emplace(record.id, record.triggerId);
 
   nlohmann::json answer = {{"object", "scan"}, {"id", record.id}, {"timestamp", record.timestamp}, {"score", 0}};
   if (trigger) {

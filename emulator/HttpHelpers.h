@@ -6,6 +6,7 @@
 #include <httplib.h>
 
 #include <chrono>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>

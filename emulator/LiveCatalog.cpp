@@ -88,9 +88,10 @@ std::optional<LiveCatalog::Found> LiveCatalog::match(std::span<const unsigned ch
   auto match = recognizer_->match(photo, collectionId);
   const Trigger* trigger = match ? catalog_.trigger(match->triggerId) : nullptr;
   if (!trigger) return std::nullopt;
-  Found found{*trigger, std::move(*match)};
-  found.trigger.image.clear();
-  return found;
+  // Everything but the image, which a scan's answer does not need.
+  return Found{{trigger->id, trigger->collectionId, trigger->name, trigger->type, trigger->payloadUrl,
+                trigger->payloadData, trigger->ocr, "", trigger->imageType},
+               std::move(*match)};
 }
 
 std::optional<CatalogError> LiveCatalog::createCollection(const std::string& id, const std::string& name) {

@@ -54,7 +54,8 @@ void LiveCatalog::rebuild() {
   }
   catalog_ = std::move(catalog);
   recognizer_ = std::move(recognizer);
-  // What was made at run time, unless the seed has since taken its id.
+  // What was made at run time; a seed that has since taken one of its ids
+  // (the seed's own was never removed) wins.
   for (const StoredCatalog::Item& item : changes.collections) {
     if (catalog_.collection(item.id)) continue;
     const auto json = nlohmann::json::parse(item.json, nullptr, false);

@@ -345,7 +345,6 @@ StoredCatalog Storage::catalogChanges() {
 void Storage::putCatalogItem(bool trigger, const StoredCatalog::Item& item) {
   std::lock_guard lock(mutex_);
   const auto kind = static_cast<std::int64_t>(trigger);
-  Statement(db_, "DELETE FROM catalog_removed WHERE is_trigger = ? AND id = ?").bind(kind).bind(item.id).step();
   Statement insert(db_,
                    "INSERT OR REPLACE INTO catalog_items (is_trigger, id, collection_id, json, image) "
                    "VALUES (?, ?, ?, ?, ?)");

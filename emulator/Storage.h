@@ -93,8 +93,9 @@ class Storage {
   // Users and scans held.
   std::pair<std::int64_t, std::int64_t> counts();
 
-  // The catalog's changes made at run time; putting an item takes its id
-  // off the removed ones, removing it drops what was made under that id.
+  // The catalog's changes made at run time. Removing an item drops what was
+  // made under its id; a removed seed id stays removed until reset, so that
+  // an item made again under it wins over the seed at the next start.
   StoredCatalog catalogChanges();
   void putCatalogItem(bool trigger, const StoredCatalog::Item& item);
   void removeCatalogItem(bool trigger, const std::string& id, bool fromSeed);

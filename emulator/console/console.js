@@ -6,6 +6,8 @@
 const $ = (selector) => document.querySelector(selector);
 let uploadLimit = 16 * 1024 * 1024;
 let cursor = 0;  // the newest request shown
+let shownCatalog = '';  // the collections as last drawn, as JSON
+let shownScans = '';
 
 function el(tag, attributes = {}, ...children) {
   const node = document.createElement(tag);
@@ -60,8 +62,13 @@ async function refreshOverview(fillDrills = false) {
     el('li', { text: count(overview.users, 'user'), id: 'fact-users' }),
     el('li', { text: count(overview.scans, 'scan'), id: 'fact-scans' }),
     el('li', { text: overview.persistent ? 'kept in SQLite' : 'in memory' }));
-  $('#catalog').replaceChildren(...overview.collections.map(collectionView));
-  if (!overview.collections.length) $('#catalog').append(el('p', { class: 'empty', text: 'No collections yet.' }));
+  // Drawn again only when it changed: new requests refresh the counts often.
+  const catalog = JSON.stringify(overview.collections);
+  if (catalog !== shownCatalog) {
+    shownCatalog = catalog;
+    $('#catalog').replaceChildren(...overview.collections.map(collectionView));
+    if (!overview.collections.length) $('#catalog').append(el('p', { class: 'empty', text: 'No collections yet.' }));
+  }
   for (const select of [$('#trigger-collection'), $('#try-collection')]) {
     const chosen = select.value;
     const first = select.id === 'try-collection' ? [el('option', { value: '', text: 'every collection' })] : [];
@@ -220,6 +227,9 @@ async function pollRequests() {
 
 async function refreshScans() {
   const { scans } = await api('GET', '/__emulator/scans?count=30');
+  const shown = JSON.stringify(scans);
+  if (shown === shownScans) return;
+  shownScans = shown;
   $('#scans').replaceChildren(...scans.map((scan) => el('li', { 'data-scan': scan.scanId },
     el('img', { src: viaConsole(scan.imageUrl), alt: 'scanned photo' }),
     el('span', { class: 'arrow', text: '→' }),

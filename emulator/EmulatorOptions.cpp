@@ -40,6 +40,8 @@ std::optional<EmulatorOptions> parseEmulatorOptions(int argc, char** argv, int* 
       ->check(CLI::Range(0.0, 1.0));
   cli.add_flag("--allow-remote-fetch", options.allowRemoteFetch,
                "Let URL scans fetch images from hosts other than loopback");
+  cli.add_option("--console-token", options.consoleToken,
+                 "Token the console and /__emulator/ ask for (default: none on loopback, a random one elsewhere)");
   try {
     cli.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

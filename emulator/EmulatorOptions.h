@@ -19,6 +19,9 @@ struct EmulatorOptions {
   int latencyMs = 0;
   double failRate = 0;
   bool allowRemoteFetch = false;
+  // Asked of the console and /__emulator/ when not empty; made up at start
+  // when the host is not loopback and none was given.
+  std::string consoleToken;
 };
 
 // The options, or nothing when the program should exit with *exitCode

@@ -5,6 +5,8 @@
 
 #include <httplib.h>
 
+#include <chrono>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -31,6 +33,23 @@ inline std::optional<std::string> headerEither(const httplib::Request& request, 
   if (request.has_header(otherName)) return request.get_header_value(otherName);
   return std::nullopt;
 }
+
+// The announced body length; nothing when absent or not a number.
+inline std::optional<std::uint64_t> contentLength(const httplib::Request& request) {
+  if (!request.has_header("Content-Length")) return std::nullopt;
+  try {
+    return std::stoull(request.get_header_value("Content-Length"));
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+// When the request being served started, on the thread that serves it:
+// httplib reads, routes, answers and logs a request on one thread.
+inline thread_local std::optional<std::chrono::steady_clock::time_point> requestStarted;
+// The scan the current request made, for its log entry: (scan id, matched
+// trigger id or ""). The answer itself may be compressed by then.
+inline thread_local std::optional<std::pair<std::string, std::string>> requestScan;
 
 }  // namespace zrk::emulator
 

@@ -61,7 +61,8 @@ void applyTriggerJson(Trigger& trigger, const fs::path& path) {
 }  // namespace
 
 bool isValidId(const std::string& id) {
-  return !id.empty() && id.size() <= 128 && id != "." && id != ".." && std::all_of(id.begin(), id.end(), [](char c) {
+  // ".." anywhere, not only alone: an id may end up in a path or a file name.
+  return !id.empty() && id.size() <= 128 && id != "." && id.find("..") == std::string::npos && std::all_of(id.begin(), id.end(), [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
            c == '-';
   });

@@ -8,7 +8,7 @@
 //
 // The collection's id is its folder name, a trigger's id its file stem;
 // trigger ids are unique across the whole seed. Ids are letters, digits,
-// '.', '_' and '-' (they travel unescaped in URL paths). Other files are
+// '.', '_' and '-', without ".." (they travel unescaped in URL paths). Other files are
 // ignored; folders inside collections too.
 #ifndef ZRK_EMULATOR_SEED_H
 #define ZRK_EMULATOR_SEED_H

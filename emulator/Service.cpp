@@ -1,5 +1,6 @@
 #include "Service.h"
 
+#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <random>
@@ -26,8 +27,13 @@ const std::vector<KnownPath>& knownPaths() {
       {std::regex("/app/v1/user"), "GET, POST, PATCH"},
       {std::regex("/app/v1/user/auth"), "POST, DELETE"},
       {std::regex("/files/(triggers|scans)/[^/]+"), "GET"},
-      {std::regex("/__emulator/(health|requests)"), "GET"},
-      {std::regex("/__emulator/reset"), "POST"},
+      {std::regex("/__emulator/(health|requests|overview|scans)"), "GET"},
+      {std::regex("/__emulator/(reset|collections|try)"), "POST"},
+      {std::regex("/__emulator/drills"), "GET, POST"},
+      {std::regex("/__emulator/collections/[^/]+"), "DELETE"},
+      {std::regex("/__emulator/collections/[^/]+/triggers"), "POST"},
+      {std::regex("/__emulator/triggers/[^/]+"), "DELETE"},
+      {std::regex("/|/console/[^/]+"), "GET"},
   };
   return paths;
 }
@@ -61,14 +67,21 @@ bool chance(double probability) {
 
 }  // namespace
 
-Service::Service(const EmulatorOptions& options, Storage& storage, Tokens& tokens, const Catalog& catalog,
-                 const Recognizer& recognizer, RequestLog& log)
-    : options_(options), storage_(storage), tokens_(tokens), catalog_(catalog), recognizer_(recognizer), log_(log) {}
+Service::Service(const EmulatorOptions& options, Storage& storage, Tokens& tokens, LiveCatalog& catalog,
+                 RequestLog& log)
+    : options_(options),
+      storage_(storage),
+      tokens_(tokens),
+      catalog_(catalog),
+      log_(log),
+      latencyMs_(options.latencyMs),
+      failRate_(options.failRate) {}
 
 httplib::Server::Handler Service::serviceRoute(Route route) {
   return [this, route](const httplib::Request& request, httplib::Response& response) {
-    if (options_.latencyMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(options_.latencyMs));
-    if (chance(options_.failRate)) {
+    if (const int latency = latencyMs_.load(); latency > 0)
+      std::this_thread::sleep_for(std::chrono::milliseconds(latency));
+    if (chance(failRate_.load())) {
       sendError(response, 503, "Service unavailable (fault injected by --fail-rate)");
       return;
     }
@@ -87,8 +100,38 @@ httplib::Server::Handler Service::plainRoute(Route route) {
   };
 }
 
+httplib::Server::Handler Service::adminRoute(Route route) {
+  return [this, route](const httplib::Request& request, httplib::Response& response) {
+    if (!admitted(request)) {
+      sendError(response, 401,
+                "This emulator asks for its console token: open the console address it printed at start, or send "
+                "the token as the ZRK-Console-Token header or the \"token\" query parameter");
+      return;
+    }
+    (this->*route)(request, response);
+  };
+}
+
 void Service::install(httplib::Server& server) {
   server.set_payload_max_length(kMaxBodyBytes);
+  // Uploads to the console are refused by their announced length before a
+  // byte of them is read; the connection closes, since the unread body
+  // cannot be told from the next request. (The server itself would read a
+  // too-large body to its end before refusing it.)
+  server.set_pre_routing_handler([](const httplib::Request& request, httplib::Response& response) {
+    requestStarted = std::chrono::steady_clock::now();
+    requestScan.reset();
+    const auto length = contentLength(request);
+    if (!request.path.starts_with("/__emulator/") || !length || *length <= kMaxBodyBytes)
+      return httplib::Server::HandlerResponse::Unhandled;
+    response.set_header("Connection", "close");
+    sendError(response, 413, "Request body too large", {{"limit", kMaxBodyBytes}, {"contentLength", *length}});
+    return httplib::Server::HandlerResponse::Handled;
+  });
+  server.set_expect_100_continue_handler([](const httplib::Request& request, httplib::Response&) {
+    const auto length = contentLength(request);
+    return length && *length > kMaxBodyBytes ? 413 : 100;
+  });
   // Short, so that stopping does not wait long for idle keep-alive clients.
   server.set_keep_alive_timeout(1);
   server.set_read_timeout(10, 0);
@@ -107,8 +150,19 @@ void Service::install(httplib::Server& server) {
   server.Get("/files/triggers/([^/]+)", plainRoute(&Service::triggerFile));
   server.Get("/files/scans/([^/]+)", plainRoute(&Service::scanFile));
   server.Get("/__emulator/health", plainRoute(&Service::health));
-  server.Get("/__emulator/requests", plainRoute(&Service::requests));
-  server.Post("/__emulator/reset", plainRoute(&Service::reset));
+  server.Get("/__emulator/requests", adminRoute(&Service::requests));
+  server.Post("/__emulator/reset", adminRoute(&Service::reset));
+  server.Get("/", adminRoute(&Service::consoleFile));
+  server.Get("/console/([^/]+)", adminRoute(&Service::consoleFile));
+  server.Get("/__emulator/overview", adminRoute(&Service::overview));
+  server.Post("/__emulator/collections", adminRoute(&Service::createCollection));
+  server.Delete("/__emulator/collections/([^/]+)", adminRoute(&Service::deleteCollection));
+  server.Post("/__emulator/collections/([^/]+)/triggers", adminRoute(&Service::addTrigger));
+  server.Delete("/__emulator/triggers/([^/]+)", adminRoute(&Service::deleteTrigger));
+  server.Post("/__emulator/try", adminRoute(&Service::tryPhoto));
+  server.Get("/__emulator/scans", adminRoute(&Service::recentScans));
+  server.Get("/__emulator/drills", adminRoute(&Service::drills));
+  server.Post("/__emulator/drills", adminRoute(&Service::drills));
   const auto unrouted = plainRoute(&Service::unrouted);
   server.Get(".*", unrouted);
   server.Post(".*", unrouted);
@@ -137,32 +191,12 @@ void Service::install(httplib::Server& server) {
     sendError(response, 500, "Internal error of the emulator", {{"reason", what}});
   });
   server.set_logger([this](const httplib::Request& request, const httplib::Response& response) {
-    if (request.path.starts_with("/__emulator/")) return;
-    LoggedRequest entry;
-    entry.time = nowSeconds();
-    entry.method = request.method;
-    entry.path = request.path;
-    if (const auto mark = request.target.find('?'); mark != std::string::npos)
-      entry.query = request.target.substr(mark + 1);
-    for (const auto& [name, value] : request.headers) {
-      // The server adds the connection's addresses as headers; they were not sent.
-      if (name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" || name == "LOCAL_PORT") continue;
-      entry.headers.emplace_back(name, value);
-    }
-    // A multipart body is parsed into parts and no longer held whole.
-    entry.bodySize = request.body.size();
-    if (request.has_header("Content-Length")) {
-      try {
-        entry.bodySize =
-            std::max<std::uint64_t>(entry.bodySize, std::stoull(request.get_header_value("Content-Length")));
-      } catch (const std::exception&) {
-      }
-    }
-    entry.status = response.status;
-    if (const auto timing = response.get_header_value("Server-Timing"); timing.starts_with("app;dur=")) {
-      entry.durationMs = std::strtod(timing.c_str() + 8, nullptr);
-    }
-    log_.add(std::move(entry));
+    // The console's own requests would only bury the ones it is there to show.
+    const bool console = request.path.starts_with("/__emulator/") || request.path == "/" ||
+                         request.path.starts_with("/console/") ||
+                         (request.path.starts_with("/files/") && request.get_param_value("via") == "console");
+    if (console) return;
+    log_.add(logEntry(request, response));
   });
 }
 
@@ -235,12 +269,16 @@ void Service::auth(const httplib::Request& request, httplib::Response& response)
 }
 
 void Service::triggerFile(const httplib::Request& request, httplib::Response& response) {
-  const Trigger* trigger = catalog_.trigger(request.matches[1].str());
-  if (!trigger) {
+  const auto image = catalog_.read([&](const Catalog& catalog) -> std::optional<std::pair<std::string, std::string>> {
+    const Trigger* trigger = catalog.trigger(request.matches[1].str());
+    if (!trigger) return std::nullopt;
+    return std::make_pair(trigger->image, trigger->imageType);
+  });
+  if (!image) {
     sendError(response, 404, "No such trigger");
     return;
   }
-  response.set_content(trigger->image, trigger->imageType.c_str());
+  response.set_content(image->first, image->second.c_str());
 }
 
 void Service::scanFile(const httplib::Request& request, httplib::Response& response) {
@@ -253,17 +291,33 @@ void Service::scanFile(const httplib::Request& request, httplib::Response& respo
 }
 
 void Service::health(const httplib::Request&, httplib::Response& response) {
+  const auto [collections, triggers] = catalog_.read([](const Catalog& catalog) {
+    return std::make_pair(catalog.collections.size(), catalog.triggers.size());
+  });
   sendJson(response, 200,
            {{"status", "ok"},
-            {"collections", catalog_.collections.size()},
-            {"triggers", catalog_.triggers.size()},
+            {"collections", collections},
+            {"triggers", triggers},
             {"persistent", !options_.dataFile.empty()}});
 }
 
-void Service::requests(const httplib::Request&, httplib::Response& response) { sendJson(response, 200, log_.toJson()); }
+void Service::requests(const httplib::Request& request, httplib::Response& response) {
+  std::uint64_t after = 0;
+  if (request.has_param("after")) {
+    const std::string text = request.get_param_value("after");
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), after);
+    if (text.empty() || error != std::errc() || end != text.data() + text.size()) {
+      sendError(response, 400, "\"after\" must be a whole number from 0 up", {{"parameter", "after"}});
+      return;
+    }
+  }
+  sendJson(response, 200, log_.toJson(after));
+}
 
 void Service::reset(const httplib::Request&, httplib::Response& response) {
-  storage_.reset();
+  catalog_.reset();
+  latencyMs_ = options_.latencyMs;
+  failRate_ = options_.failRate;
   sendJson(response, 200, {{"status", "reset"}});
 }
 

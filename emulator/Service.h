@@ -1,10 +1,10 @@
 // The emulated service: the routes under "/app/v1/", the files it links to
-// ("/files/...") and the inspection routes ("/__emulator/...").
+// ("/files/..."), the inspection and admin routes ("/__emulator/...") and
+// the web console ("/", "/console/...").
 //
 // Routes run on the HTTP server's worker threads, several at once; the
-// service's own state is the Storage (locked inside), the request log
-// (locked inside), and the catalog and recognizer, which are read-only once
-// the server runs.
+// service's own state is the Storage, the request log and the live catalog
+// (each locked inside) and the drills (atomics).
 #ifndef ZRK_EMULATOR_SERVICE_H
 #define ZRK_EMULATOR_SERVICE_H
 
@@ -17,11 +17,10 @@
 #include <string>
 
 #include "EmulatorOptions.h"
+#include "LiveCatalog.h"
 #include "RequestLog.h"
-#include "Seed.h"
 #include "Storage.h"
 #include "Tokens.h"
-#include "recognition/Recognizer.h"
 
 namespace zrk::emulator {
 
@@ -30,8 +29,8 @@ inline constexpr std::size_t kMaxBodyBytes = 16u << 20;
 
 class Service {
  public:
-  Service(const EmulatorOptions& options, Storage& storage, Tokens& tokens, const Catalog& catalog,
-          const Recognizer& recognizer, RequestLog& log);
+  // options.consoleToken, when set, guards the console and /__emulator/.
+  Service(const EmulatorOptions& options, Storage& storage, Tokens& tokens, LiveCatalog& catalog, RequestLog& log);
 
   void install(httplib::Server& server);
   // The port the server got, for links to itself and for fetching from itself.
@@ -47,6 +46,11 @@ class Service {
   using Route = void (Service::*)(const httplib::Request&, httplib::Response&);
   httplib::Server::Handler serviceRoute(Route route);
   httplib::Server::Handler plainRoute(Route route);
+  // Asks for the console token when there is one.
+  httplib::Server::Handler adminRoute(Route route);
+  bool admitted(const httplib::Request& request) const;
+  // What the request log keeps of one exchange.
+  LoggedRequest logEntry(const httplib::Request& request, const httplib::Response& response) const;
 
   std::optional<Caller> requireApp(const httplib::Request& request, httplib::Response& response);
   std::optional<UserRecord> requireUser(const Caller& caller, const std::string& token, httplib::Response& response);
@@ -71,6 +75,17 @@ class Service {
   void reset(const httplib::Request& request, httplib::Response& response);
   void unrouted(const httplib::Request& request, httplib::Response& response);
 
+  // The console and its admin routes (ServiceConsole.cpp).
+  void consoleFile(const httplib::Request& request, httplib::Response& response);
+  void overview(const httplib::Request& request, httplib::Response& response);
+  void createCollection(const httplib::Request& request, httplib::Response& response);
+  void deleteCollection(const httplib::Request& request, httplib::Response& response);
+  void addTrigger(const httplib::Request& request, httplib::Response& response);
+  void deleteTrigger(const httplib::Request& request, httplib::Response& response);
+  void tryPhoto(const httplib::Request& request, httplib::Response& response);
+  void recentScans(const httplib::Request& request, httplib::Response& response);
+  void drills(const httplib::Request& request, httplib::Response& response);
+
   // The image a URL scan names; nothing after answering with the error.
   std::optional<std::string> fetchScanImage(const std::string& url, httplib::Response& response);
   nlohmann::json userJson(const UserRecord& user, const std::optional<std::string>& token) const;
@@ -78,10 +93,11 @@ class Service {
   const EmulatorOptions& options_;
   Storage& storage_;
   Tokens& tokens_;
-  const Catalog& catalog_;
-  const Recognizer& recognizer_;
+  LiveCatalog& catalog_;
   RequestLog& log_;
   std::atomic<int> ownPort_{0};
+  std::atomic<int> latencyMs_;
+  std::atomic<double> failRate_;
 };
 
 }  // namespace zrk::emulator

@@ -35,10 +35,6 @@ std::optional<std::int64_t> queryInteger(const httplib::Request& request, const 
   return value;
 }
 
-std::span<const unsigned char> bytesOf(const std::string& text) {
-  return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
-}
-
 }  // namespace
 
 std::optional<std::string> Service::fetchScanImage(const std::string& url, httplib::Response& response) {
@@ -51,7 +47,11 @@ std::optional<std::string> Service::fetchScanImage(const std::string& url, httpl
       if (!path.starts_with(prefix)) continue;
       const std::string id = path.substr(std::string_view(prefix).size());
       if (path.starts_with("/files/triggers/")) {
-        if (const Trigger* trigger = catalog_.trigger(id)) return trigger->image;
+        auto image = catalog_.read([&](const Catalog& catalog) -> std::optional<std::string> {
+          const Trigger* trigger = catalog.trigger(id);
+          return trigger ? std::optional(trigger->image) : std::nullopt;
+        });
+        if (image) return image;
       } else if (auto image = storage_.scanImage(id)) {
         return std::move(image->first);
       }
@@ -98,7 +98,8 @@ void Service::scan(const httplib::Request& request, httplib::Response& response)
     }
     fileUrlText = fileUrl->get<std::string>();
   }
-  if (collectionId && !catalog_.collection(*collectionId)) {
+  if (collectionId &&
+      !catalog_.read([&](const Catalog& catalog) { return catalog.collection(*collectionId) != nullptr; })) {
     sendError(response, 404, "No such collection", {{"collectionId", *collectionId}});
     return;
   }
@@ -113,8 +114,8 @@ void Service::scan(const httplib::Request& request, httplib::Response& response)
     return;
   }
 
-  const auto match = recognizer_.match(bytesOf(image), collectionId);
-  const Trigger* trigger = match ? catalog_.trigger(match->triggerId) : nullptr;
+  const auto found = catalog_.match(bytesOf(image), collectionId);
+  const Trigger* trigger = found ? &found->trigger : nullptr;
   ScanRecord record;
   record.id = randomHex(16);
   record.appKey = caller->appKey;
@@ -129,10 +130,11 @@ void Service::scan(const httplib::Request& request, httplib::Response& response)
     record.payloadUrl = trigger->payloadUrl;
   }
   storage_.insertScan(record, image, *imageType);
+  requestScan.emplace(record.id, record.triggerId);
 
   nlohmann::json answer = {{"object", "scan"}, {"id", record.id}, {"timestamp", record.timestamp}, {"score", 0}};
   if (trigger) {
-    answer["score"] = static_cast<int>(std::lround(std::clamp(match->score, 0.0, 100.0)));
+    answer["score"] = static_cast<int>(std::lround(std::clamp(found->match.score, 0.0, 100.0)));
     answer["triggerId"] = trigger->id;
     answer["triggerName"] = trigger->name;
     answer["triggerType"] = trigger->type;
@@ -146,14 +148,17 @@ void Service::scan(const httplib::Request& request, httplib::Response& response)
 
 void Service::collections(const httplib::Request& request, httplib::Response& response) {
   if (!requireApp(request, response)) return;
-  nlohmann::json result = nlohmann::json::array();
   const std::string base = baseUrl(request);
-  for (const Collection& collection : catalog_.collections) {
-    nlohmann::json item = {
-        {"id", collection.id}, {"name", collection.name}, {"triggers", collection.triggerIds.size()}};
-    if (!collection.triggerIds.empty()) item["imageUrl"] = base + "/files/triggers/" + collection.triggerIds.front();
-    result.push_back(std::move(item));
-  }
+  nlohmann::json result = catalog_.read([&](const Catalog& catalog) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const Collection& collection : catalog.collections) {
+      nlohmann::json item = {
+          {"id", collection.id}, {"name", collection.name}, {"triggers", collection.triggerIds.size()}};
+      if (!collection.triggerIds.empty()) item["imageUrl"] = base + "/files/triggers/" + collection.triggerIds.front();
+      list.push_back(std::move(item));
+    }
+    return list;
+  });
   const std::size_t total = result.size();
   sendJson(response, 200, {{"object", "list"}, {"result", std::move(result)}, {"total", total}});
 }

@@ -43,6 +43,16 @@ CREATE TABLE IF NOT EXISTS scans (
   image_type    TEXT NOT NULL
 );
 CREATE INDEX IF NOT EXISTS scans_by_user ON scans (app_key, app_user, seq);
+CREATE TABLE IF NOT EXISTS catalog_items (
+  seq           INTEGER PRIMARY KEY AUTOINCREMENT,
+  is_trigger    INTEGER NOT NULL,
+  id            TEXT NOT NULL,
+  collection_id TEXT NOT NULL,
+  json          TEXT NOT NULL,
+  image         BLOB NOT NULL,
+  UNIQUE (is_trigger, id)
+);
+CREATE TABLE IF NOT EXISTS catalog_removed (is_trigger INTEGER NOT NULL, id TEXT NOT NULL, PRIMARY KEY (is_trigger, id));
 )";
 
 [[noreturn]] void fail(sqlite3* db, const std::string& what) {
@@ -291,9 +301,69 @@ std::optional<std::pair<std::string, std::string>> Storage::scanImage(const std:
   return std::make_pair(select.text(0), select.text(1));
 }
 
+std::vector<ScanRecord> Storage::recentScans(std::int64_t count) {
+  std::vector<ScanRecord> scans;
+  std::lock_guard lock(mutex_);
+  Statement select(db_,
+                   "SELECT id, app_key, app_user, timestamp, matched, trigger_id, collection_id FROM scans "
+                   "ORDER BY seq DESC LIMIT ?");
+  select.bind(count);
+  while (select.step()) {
+    ScanRecord scan;
+    scan.id = select.text(0);
+    scan.appKey = select.text(1);
+    scan.appUser = select.text(2);
+    scan.timestamp = select.integer(3);
+    scan.matched = select.integer(4) != 0;
+    scan.triggerId = select.text(5);
+    scan.collectionId = select.text(6);
+    scans.push_back(std::move(scan));
+  }
+  return scans;
+}
+
+std::pair<std::int64_t, std::int64_t> Storage::counts() {
+  std::lock_guard lock(mutex_);
+  Statement count(db_, "SELECT (SELECT COUNT(*) FROM users), (SELECT COUNT(*) FROM scans)");
+  count.step();
+  return {count.integer(0), count.integer(1)};
+}
+
+StoredCatalog Storage::catalogChanges() {
+  StoredCatalog stored;
+  std::lock_guard lock(mutex_);
+  Statement items(db_, "SELECT is_trigger, id, collection_id, json, image FROM catalog_items ORDER BY seq");
+  while (items.step()) {
+    auto& list = items.integer(0) ? stored.triggers : stored.collections;
+    list.push_back({items.text(1), items.text(2), items.text(3), items.text(4)});
+  }
+  Statement removed(db_, "SELECT is_trigger, id FROM catalog_removed");
+  while (removed.step()) (removed.integer(0) ? stored.removedTriggers : stored.removedCollections).insert(removed.text(1));
+  return stored;
+}
+
+void Storage::putCatalogItem(bool trigger, const StoredCatalog::Item& item) {
+  std::lock_guard lock(mutex_);
+  const auto kind = static_cast<std::int64_t>(trigger);
+  Statement insert(db_,
+                   "INSERT OR REPLACE INTO catalog_items (is_trigger, id, collection_id, json, image) "
+                   "VALUES (?, ?, ?, ?, ?)");
+  insert.bind(kind).bind(item.id).bind(item.collectionId).bind(item.json).bindBlob(item.image).step();
+}
+
+void Storage::removeCatalogItem(bool trigger, const std::string& id, bool fromSeed) {
+  std::lock_guard lock(mutex_);
+  const auto kind = static_cast<std::int64_t>(trigger);
+  Statement(db_, "DELETE FROM catalog_items WHERE is_trigger = ? AND id = ?").bind(kind).bind(id).step();
+  if (fromSeed) {
+    Statement(db_, "INSERT OR IGNORE INTO catalog_removed (is_trigger, id) VALUES (?, ?)").bind(kind).bind(id).step();
+  }
+}
+
 void Storage::reset() {
   std::lock_guard lock(mutex_);
-  exec("DELETE FROM tokens; DELETE FROM users; DELETE FROM scans;");
+  exec("DELETE FROM tokens; DELETE FROM users; DELETE FROM scans; DELETE FROM catalog_items; "
+       "DELETE FROM catalog_removed;");
 }
 
 }  // namespace zrk::emulator

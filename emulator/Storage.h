@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,21 @@ struct ScanRecord {
   std::optional<double> lng;
 };
 
+// A collection or trigger made at run time (a trigger carries its image), or
+// the id of a seed's collection or trigger removed at run time.
+struct StoredCatalog {
+  struct Item {
+    std::string id;
+    std::string collectionId;  // triggers only
+    std::string json;          // the rest of its fields
+    std::string image;         // triggers only
+  };
+  std::vector<Item> collections;  // in the order they were made
+  std::vector<Item> triggers;
+  std::set<std::string> removedCollections;
+  std::set<std::string> removedTriggers;
+};
+
 class Storage {
  public:
   // "" opens a private in-memory database.
@@ -72,7 +88,19 @@ class Storage {
   // The stored bytes and content type of a scan's image.
   std::optional<std::pair<std::string, std::string>> scanImage(const std::string& scanId);
 
-  // Drops users, tokens and history.
+  // Scans of every app and user, newest first.
+  std::vector<ScanRecord> recentScans(std::int64_t count);
+  // Users and scans held.
+  std::pair<std::int64_t, std::int64_t> counts();
+
+  // The catalog's changes made at run time. Removing an item drops what was
+  // made under its id; a removed seed id stays removed until reset, so that
+  // an item made again under it wins over the seed at the next start.
+  StoredCatalog catalogChanges();
+  void putCatalogItem(bool trigger, const StoredCatalog::Item& item);
+  void removeCatalogItem(bool trigger, const std::string& id, bool fromSeed);
+
+  // Drops users, tokens, history and the catalog's changes.
   void reset();
 
  private:

@@ -9,45 +9,45 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
-#include <span>
+#include <optional>
 #include <thread>
 
 #include "EmulatorOptions.h"
+#include "LiveCatalog.h"
+#include "Passwords.h"
 #include "RequestLog.h"
 #include "Seed.h"
 #include "Service.h"
 #include "Storage.h"
 #include "Tokens.h"
-#include "recognition/Recognizer.h"
 
 using namespace zrk::emulator;
 
 namespace {
 
-int run(const EmulatorOptions& options) {
-  Catalog catalog;
-  Recognizer recognizer;
+int run(EmulatorOptions options) {
+  Catalog seed;
   try {
-    if (!options.seedDir.empty()) catalog = loadSeed(options.seedDir);
-    for (const auto& [id, trigger] : catalog.triggers) {
-      try {
-        recognizer.addTrigger(
-            id, trigger.collectionId,
-            std::span(reinterpret_cast<const unsigned char*>(trigger.image.data()), trigger.image.size()));
-      } catch (const std::invalid_argument& error) {
-        throw SeedError("trigger \"" + id + "\" in \"" + trigger.collectionId + "\": " + error.what());
-      }
-    }
+    if (!options.seedDir.empty()) seed = loadSeed(options.seedDir);
   } catch (const SeedError& error) {
     std::cerr << "zrk-emulator: seed: " << error.what() << "\n";
     return 2;
   }
+  // Beyond loopback, whoever reaches the port could reshape the catalog.
+  if (options.consoleToken.empty() && !isLoopbackHost(options.host)) options.consoleToken = randomHex(16);
 
   try {
     Storage storage(options.dataFile);
+    std::optional<LiveCatalog> catalog;
+    try {
+      catalog.emplace(std::move(seed), storage);
+    } catch (const SeedError& error) {
+      std::cerr << "zrk-emulator: seed: " << error.what() << "\n";
+      return 2;
+    }
     Tokens tokens(storage, options.apps, options.tokenTtlSeconds);
     RequestLog log;
-    Service service(options, storage, tokens, catalog, recognizer, log);
+    Service service(options, storage, tokens, *catalog, log);
     httplib::Server server;
     service.install(server);
 
@@ -62,11 +62,15 @@ int run(const EmulatorOptions& options) {
       std::cerr << "zrk-emulator: listening on " << options.host
                 << ", reachable from other machines; it checks app keys but is no real service\n";
     }
-    std::cerr << "zrk-emulator: " << catalog.collections.size() << " collections, " << catalog.triggers.size()
-              << " triggers; " << (options.dataFile.empty() ? "in-memory data" : "data in " + options.dataFile) << "\n";
+    const auto [collections, triggers] = catalog->read([](const Catalog& held) {
+      return std::make_pair(held.collections.size(), held.triggers.size());
+    });
+    std::cerr << "zrk-emulator: " << collections << " collections, " << triggers << " triggers; " << (options.dataFile.empty() ? "in-memory data" : "data in " + options.dataFile) << "\n";
     const std::string shownHost = options.host.find(':') != std::string::npos ? "[" + options.host + "]" : options.host;
     // The one line on stdout, which scripts and tests read for the port.
     std::cout << "zrk-emulator listening on http://" << shownHost << ":" << port << std::endl;
+    std::cerr << "zrk-emulator: console on http://" << shownHost << ":" << port << "/"
+              << (options.consoleToken.empty() ? "" : "?token=" + options.consoleToken) << std::endl;
 
     // SIGINT and SIGTERM are blocked everywhere (see main) and taken here,
     // where stopping the server is safe; SIGUSR1 ends this thread when the

@@ -20,17 +20,28 @@ for p in "${packages[@]}"; do
   fi
 done
 
-if [ ${#missing[@]} -eq 0 ]; then
-  exit 0
+# The console's browser test: Debian's chromium and Node.js with npm, unless
+# a Node.js with npm is there already (another packaging of it would
+# conflict with Debian's npm).
+command -v chromium >/dev/null || missing+=(chromium)
+command -v node >/dev/null && command -v npm >/dev/null || missing+=(nodejs npm)
+
+if [ ${#missing[@]} -gt 0 ]; then
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "setup: missing packages: ${missing[*]}" >&2
+    echo "setup: run as root, or: sudo apt-get install ${missing[*]}" >&2
+    exit 1
+  fi
+  echo "setup: installing ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-if [ "$(id -u)" -ne 0 ]; then
-  echo "setup: missing packages: ${missing[*]}" >&2
-  echo "setup: run as root, or: sudo apt-get install ${missing[*]}" >&2
-  exit 1
+# puppeteer-core at the pinned versions, once per change of the lock file;
+# it drives the chromium above and never downloads a browser of its own.
+browser_tests=$(dirname "$0")/../tests/browser
+if [ ! "$browser_tests/node_modules/.package-lock.json" -nt "$browser_tests/package-lock.json" ]; then
+  echo "setup: npm ci in tests/browser"
+  (cd "$browser_tests" && PUPPETEER_SKIP_DOWNLOAD=1 npm ci --no-audit --no-fund --loglevel=error)
 fi
-
-echo "setup: installing ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-apt-get update -qq
-apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -138,6 +138,7 @@ Features describe(const cv::Mat& grey, Sampling sampling) {
   cv::Mat normalised;
   cv::resize(grey, normalised, cv::Size(), scale, scale, scale < 1 ? cv::INTER_AREA : cv::INTER_LINEAR);
   features.size = normalised.size();
+  features.scale = scale;
   // A low FAST threshold keeps corners in dim or washed-out photos.
   const auto orb = cv::ORB::create(sampling.features, 1.2f, 10, 31, 0, 2, cv::ORB::HARRIS_SCORE, 31, 12);
   std::vector<cv::KeyPoint> keypoints;
@@ -177,11 +178,10 @@ Correspondences correspond(const Features& trigger, const Features& photo) {
 Verification verify(const Correspondences& pairs, cv::Size trigger, cv::Size photo) {
   Verification result;
   if (pairs.size() < 4) return result;
-  std::vector<unsigned char> mask;
-  const cv::Mat homography =
-      cv::findHomography(pairs.trigger, pairs.photo, cv::RANSAC, kReprojectionError, mask, 2000, 0.995);
-  result.inliers = static_cast<int>(std::count(mask.begin(), mask.end(), 1));
-  result.plausible = plausible(homography, trigger, photo);
+  result.homography =
+      cv::findHomography(pairs.trigger, pairs.photo, cv::RANSAC, kReprojectionError, result.inlier, 2000, 0.995);
+  result.inliers = static_cast<int>(std::count(result.inlier.begin(), result.inlier.end(), 1));
+  result.plausible = plausible(result.homography, trigger, photo);
   return result;
 }
 

@@ -13,6 +13,7 @@ namespace zrk::emulator::detail {
 
 struct Features {
   cv::Size size;                    // of the normalised picture the points refer to
+  double scale = 1;                 // normalised pixels per original pixel
   std::vector<cv::Point2f> points;  // one per descriptor row
   cv::Mat descriptors;              // binary, CV_8U, 32 bytes a row
 };
@@ -46,6 +47,8 @@ Correspondences correspond(const Features& trigger, const Features& photo);
 struct Verification {
   int inliers = 0;
   bool plausible = false;
+  cv::Mat homography;                // trigger to photo, in normalised pixels
+  std::vector<unsigned char> inlier;  // one flag per correspondence
 };
 Verification verify(const Correspondences& pairs, cv::Size trigger, cv::Size photo);
 

@@ -1,8 +1,12 @@
 // zrk-emulator spoken to over HTTP: its REST contract and bearer checks,
 // storage across a restart, reset, the inspection paths and the fault
-// drills; then one run of the library against it.
+// drills, the console's admin routes; then one run of the library against it.
 #include <gtest/gtest.h>
 #include <httplib.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -31,6 +35,37 @@ std::string upload(const std::string& path = kPhoto, const std::string& name = "
   std::ifstream file(path, std::ios::binary);
   return "--B\r\nContent-Disposition: form-data; name=\"" + name + "\"; filename=\"i.jpg\"\r\n\r\n" +
          std::string(std::istreambuf_iterator<char>(file), {}) + "\r\n--B--\r\n";
+}
+
+std::string bytes(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// Text fields, then the file as the part "file", under the boundary "B".
+std::string form(const std::vector<std::pair<std::string, std::string>>& fields, const std::string& path) {
+  std::string body;
+  for (const auto& [name, value] : fields)
+    body += "--B\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
+  return body + upload(path);
+}
+
+// The answer a request of these headers alone gets on a fresh connection
+// that the server closes.
+std::string answerTo(int port, const std::string& head) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string answer;
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      send(fd, head.data(), head.size(), 0) == static_cast<ssize_t>(head.size())) {
+    char buffer[4096];
+    for (ssize_t got; answer.size() < 65536 && (got = recv(fd, buffer, sizeof buffer, 0)) > 0;) answer.append(buffer, got);
+  }
+  close(fd);
+  return answer;
 }
 
 struct Reply {
@@ -206,6 +241,168 @@ TEST_F(EmulatorTest, DrillsSlowAndFailTheServiceButNotItsOwnPaths) {
   EXPECT_EQ(call("POST", "/app/v1/auth", R"({"key":"demo-key","secret":"demo-secret"})").status, 503);
   EXPECT_GE(std::chrono::steady_clock::now() - started, 300ms);
   EXPECT_EQ(call("GET", "/__emulator/health").status, 200);
+  // Changed at run time; a reset brings back the command line's.
+  EXPECT_EQ(call("POST", "/__emulator/drills", R"({"failRate":0,"latencyMs":0})").json,
+            ZRKJson::parse(R"({"failRate":0.0,"latencyMs":0})"));
+  EXPECT_NE(token(), "");
+  EXPECT_EQ(call("POST", "/__emulator/reset").status, 200);
+  EXPECT_EQ(call("GET", "/__emulator/drills").json, ZRKJson::parse(R"({"failRate":1.0,"latencyMs":300})"));
+}
+
+TEST_F(EmulatorTest, AdminRoutesRefuseBadInputWithAMessageAndChangeNothing) {
+  ASSERT_EQ(call("POST", "/__emulator/collections", R"({"id":"mine","name":"Mine"})").status, 201);
+  const ZRKJson before = call("GET", "/__emulator/overview").json;
+  const std::string poster = bytes(kSeed + "/city-festival/jazz-night.jpg");
+  const auto trigger = [](const std::string& id, const std::string& image) {
+    return ZRKJson{{"id", id}, {"name", "N"}, {"image", image}}.dump();
+  };
+  struct Case {
+    std::string method, path, body;
+    int status;
+    std::string type = "application/json";
+  };
+  const Case cases[] = {
+      {"POST", "/__emulator/collections", R"({"id":"a/b"})", 400},
+      {"POST", "/__emulator/collections", R"({"id":"a..b"})", 400},
+      {"POST", "/__emulator/collections", R"({"id":5})", 400},
+      {"POST", "/__emulator/collections", R"({"id":"mine"})", 409},
+      {"POST", "/__emulator/collections/mine/triggers", trigger("jazz-night", detail::base64Encode(poster)), 409},
+      {"POST", "/__emulator/collections/mine/triggers", trigger("../x", detail::base64Encode(poster)), 400},
+      {"POST", "/__emulator/collections/mine/triggers", trigger("t", detail::base64Encode("GIF89a...")), 400},
+      {"POST", "/__emulator/collections/mine/triggers", trigger("t", "%%%%"), 400},
+      {"POST", "/__emulator/collections/mine/triggers", form({{"id", "t"}}, kSeed + "/city-festival/jazz-night.json"),
+       400, kForm},
+      {"POST", "/__emulator/collections/mine/triggers", upload(), 400, kForm},  // no id
+      {"POST", "/__emulator/collections/nope/triggers", trigger("t", detail::base64Encode(poster)), 404},
+      {"DELETE", "/__emulator/triggers/nope", "", 404},
+      {"DELETE", "/__emulator/triggers/a..b", "", 400},
+      {"DELETE", "/__emulator/collections/a%2Fb", "", 404},
+      {"POST", "/__emulator/try", "GIF89a...", 400, "image/gif"},
+      {"POST", "/__emulator/try?collection=nope", poster, 404, "image/jpeg"},
+      {"POST", "/__emulator/drills", R"({"latencyMs":-1})", 400},
+      {"POST", "/__emulator/drills", R"({"latencyMs":5,"failRate":1.5})", 400},
+      {"GET", "/__emulator/requests?after=x", "", 400},
+  };
+  for (const Case& c : cases) {
+    const Reply reply = call(c.method, c.path, c.body, {}, c.type);
+    EXPECT_EQ(reply.status, c.status) << c.method << " " << c.path << " " << c.body.substr(0, 80) << ": " << reply.json;
+    EXPECT_TRUE(reply.json.value("code", 0) == c.status && reply.json.contains("message"));
+  }
+  // A 2 GB upload is refused by its announced length, before a byte of it
+  // (the server's own refusal would come after reading, without the detail).
+  const std::string answer =
+      answerTo(std::stoi(url.substr(url.rfind(':') + 1)),
+               "POST /__emulator/collections/mine/triggers HTTP/1.1\r\nHost: e\r\n"
+               "Content-Type: application/json\r\nContent-Length: 2000000000\r\n\r\n");
+  EXPECT_TRUE(answer.starts_with("HTTP/1.1 413 ") && answer.find(R"("contentLength":2000000000)") != std::string::npos)
+      << answer;
+  EXPECT_EQ(call("GET", "/__emulator/overview").json, before);
+}
+
+TEST_F(EmulatorTest, TriggersMadeAtRunTimeAreScannedKeptAndResetAway) {
+  const std::string file = std::filesystem::temp_directory_path() / ("zrk-console-" + std::to_string(getpid()));
+  std::filesystem::remove(file);
+  start({"--data", file});
+  const std::string photo = bytes(kPhoto), poster = kSeed + "/city-festival/jazz-night.jpg";
+  const auto scan = [&](const std::string& collection) {
+    return call("POST", "/app/v1/scan/" + collection, upload(), bearer(token()), kForm).json;
+  };
+  ASSERT_EQ(call("POST", "/__emulator/collections", R"({"id":"mine","name":"Mine"})").status, 201);
+  const auto fields = std::vector<std::pair<std::string, std::string>>{
+      {"id", "copy"}, {"name", "Copy"}, {"payloadUrl", "https://example.com/c"}, {"payloadData", "d"}};
+  ASSERT_EQ(call("POST", "/__emulator/collections/mine/triggers", form(fields, poster), {}, kForm).status, 201);
+  EXPECT_EQ(scan("mine").value("payloadData", ""), "d");
+  // Trying a photo answers as a scan would, with the match drawn.
+  const ZRKJson tried = call("POST", "/__emulator/try?collection=mine", photo, {}, "image/jpeg").json;
+  EXPECT_EQ(tried.value("triggerId", "") + " " + tried.value("picture", "").substr(0, 27),
+            "copy data:image/jpeg;base64,/9j/");
+  EXPECT_EQ(tried["outline"].size(), 4u);
+  EXPECT_GE(tried.value("inliers", 0), 20);
+  EXPECT_EQ(call("POST", "/__emulator/try?collection=science-museum", photo, {}, "image/jpeg").json["matched"], false);
+
+  // Kept across a restart, deletions of seed triggers too.
+  ASSERT_EQ(call("DELETE", "/__emulator/triggers/jazz-night").status, 200);
+  start({"--data", file});
+  EXPECT_EQ(scan("mine").value("triggerId", ""), "copy");
+  EXPECT_EQ(scan("city-festival").value("score", -1), 0);
+  EXPECT_EQ(call("GET", "/files/triggers/copy").status, 200);
+  EXPECT_EQ(call("GET", "/__emulator/scans").json["scans"][0].value("imageUrl", "").substr(0, 13), "/files/scans/");
+
+  // A collection goes with its triggers, freeing their ids.
+  ASSERT_EQ(call("DELETE", "/__emulator/triggers/copy").status, 200);
+  EXPECT_EQ(scan("mine").value("score", -1), 0);
+  ASSERT_EQ(call("POST", "/__emulator/collections/mine/triggers", form(fields, poster), {}, kForm).status, 201);
+  ASSERT_EQ(call("DELETE", "/__emulator/collections/mine").status, 200);
+  EXPECT_EQ(call("POST", "/__emulator/collections/science-museum/triggers", form(fields, poster), {}, kForm).status, 201);
+  // A removed seed id given again: the new trigger wins over the seed's.
+  auto again = fields;
+  again[0].second = "jazz-night";
+  ASSERT_EQ(call("POST", "/__emulator/collections/city-festival/triggers", form(again, poster), {}, kForm).status, 201);
+  start({"--data", file});
+  EXPECT_EQ(scan("city-festival").value("payloadData", ""), "d");
+
+  // A reset brings back the seed alone.
+  ASSERT_EQ(call("POST", "/__emulator/reset").status, 200);
+  const ZRKJson overview = call("GET", "/__emulator/overview").json;
+  EXPECT_EQ(overview["collections"].size(), 3u);
+  EXPECT_EQ(overview["collections"][0]["triggers"].size(), 3u);
+  EXPECT_TRUE(overview["scans"] == 0 && overview["users"] == 0) << overview;
+  start({"--data", file});
+  EXPECT_EQ(scan("city-festival").value("payloadData", ""), "Harbour Stage, Saturday 20:00. Doors open 19:00.");
+  EXPECT_EQ(emulator->stop(), 0);
+  std::filesystem::remove(file);
+}
+
+TEST_F(EmulatorTest, RequestLogFollowsACursorAndMasksSecrets) {
+  const std::uint64_t last = call("GET", "/__emulator/requests").json.value("last", 0u);
+  auto headers = bearer(token());
+  call("POST", "/app/v1/user", kAnn, headers);
+  const std::string scanId = call("POST", "/app/v1/scan", upload(), headers, kForm).json.value("id", "");
+  call("DELETE", "/app/v1/user/auth?email=ann%40example.com&password=pw-1", "", headers);
+  ZRKJson log;  // each request is logged just after its answer has gone out
+  for (auto end = std::chrono::steady_clock::now() + 30s; log.size() < 4 && std::chrono::steady_clock::now() < end;) {
+    log = call("GET", "/__emulator/requests?after=" + std::to_string(last)).json["requests"];
+  }
+  ASSERT_EQ(log.size(), 4u) << log;
+  EXPECT_EQ(log[0]["body"]["json"], ZRKJson::parse(R"({"key":"demo-key","secret":"****"})"));
+  EXPECT_EQ(log[1]["body"]["json"]["password"], "****");
+  EXPECT_EQ(log[2]["body"]["scanImage"], "/files/scans/" + scanId);
+  EXPECT_EQ(log[2]["body"]["parts"][0]["filename"], "i.jpg");
+  EXPECT_EQ(log[3]["query"], "email=ann%40example.com&password=****");
+  for (const ZRKJson& entry : log) {
+    EXPECT_GE(entry.value("latencyMs", -1.0), entry.value("durationMs", -1.0)) << entry;
+    EXPECT_GE(entry.value("durationMs", -1.0), 0) << entry;
+    EXPECT_EQ(entry.dump().find(headers.begin()->second.substr(7)), std::string::npos) << entry;
+  }
+  const ZRKJson rest = call("GET", "/__emulator/requests?after=" + log[3]["sequence"].dump()).json;
+  EXPECT_TRUE(rest["requests"].empty() && rest["last"] == log[3]["sequence"]) << rest;
+}
+
+TEST_F(EmulatorTest, AConsoleTokenGuardsTheConsoleAndAdminRoutesOnly) {
+  EXPECT_EQ(call("GET", "/").status, 200);  // open on loopback
+  start({"--console-token", "t0k3n"});
+  const auto status = [&](const std::string& path, const httplib::Headers& headers) {
+    httplib::Client http(url);
+    const auto result = http.Get(path, headers);
+    return result ? result->status : 0;
+  };
+  const auto withToken = httplib::Headers{{"ZRK-Console-Token", "t0k3n"}};
+  EXPECT_EQ(status("/", {}), 401);
+  EXPECT_EQ(status("/console/console.js", {{"ZRK-Console-Token", "t0k3N"}}), 401);
+  EXPECT_EQ(status("/__emulator/overview", {{"Cookie", "zrk-console-token=t0k3"}}), 401);
+  EXPECT_EQ(status("/__emulator/requests", {}), 401);
+  EXPECT_EQ(status("/__emulator/overview", withToken), 200);
+  EXPECT_EQ(status("/__emulator/scans?token=t0k3n", {}), 200);
+  EXPECT_EQ(status("/console/console.css", {{"Cookie", "a=b; zrk-console-token=t0k3n"}}), 200);
+  EXPECT_EQ(status("/__emulator/health", {}), 200);
+  EXPECT_EQ(status("/app/v1/collection", bearer(token())), 200);
+  // The address with the token leaves it in a cookie for the page's own requests.
+  httplib::Client http(url);
+  const auto page = http.Get("/?token=t0k3n");
+  ASSERT_TRUE(page);
+  EXPECT_TRUE(page->status == 200 && page->get_header_value("Set-Cookie").starts_with("zrk-console-token=t0k3n;"));
+  EXPECT_NE(page->body.find("<title>"), std::string::npos);
+  EXPECT_NE(emulator->err().find("console on " + url + "/?token=t0k3n\n"), std::string::npos) << emulator->err();
 }
 
 TEST(EmulatorStart, RefusesBadOptions) {
@@ -232,9 +429,11 @@ TEST_F(EmulatorTest, TheLibraryScansAgainstIt) {
   }
   ASSERT_EQ(log.size(), 2u);
   EXPECT_EQ(log[1].value("method", "") + " " + log[1].value("path", ""), "POST /app/v1/scan/city-festival");
-  const std::string bearer = "Bearer " + detail::base64Encode(*ZRKApiAuthToken::token()->tokenString());
+  // The log masks the bearer but for its last 4 characters.
+  const std::string bearer = detail::base64Encode(*ZRKApiAuthToken::token()->tokenString());
   const ZRKJson& headers = log[1]["headers"];  // pairs of name and value
-  EXPECT_NE(std::find(headers.begin(), headers.end(), ZRKJson::array({"Authorization", bearer})), headers.end());
+  const ZRKJson masked = ZRKJson::array({"Authorization", "Bearer ****" + bearer.substr(bearer.size() - 4)});
+  EXPECT_NE(std::find(headers.begin(), headers.end(), masked), headers.end()) << headers;
   EXPECT_GT(log[1].value("bodySize", 0), 10000);
   ZRKApiAuthToken::clear();
   ZRKApiClient::setBaseUrl(ZRKDefaultBaseURL);

@@ -152,6 +152,48 @@ TEST(Recognizer, KeepsOnlyUsableImagesAndOneTriggerPerId) {
   EXPECT_FALSE(catalogue.recognizer.match(encoded(catalogue.posters[1]), std::nullopt));
   const Bytes photo = encoded(samples::photograph(replacement, 5));
   EXPECT_EQ(idOf(catalogue.recognizer.match(photo, "collection-2")), "trigger-1");
+  EXPECT_TRUE(catalogue.recognizer.removeTrigger("trigger-1"));
+  EXPECT_FALSE(catalogue.recognizer.removeTrigger("trigger-1"));
+  EXPECT_EQ(catalogue.recognizer.size(), 2u);
+  EXPECT_FALSE(catalogue.recognizer.match(photo, std::nullopt));
+}
+
+// The poster at half size, 120 pixels in and 80 down: the match says where,
+// in the photo's own pixels, and draws it.
+TEST(Recognizer, LocatesTheTriggerInThePhotoAndDrawsIt) {
+  Catalogue catalogue(2);
+  const cv::Mat& poster = catalogue.posters[1];
+  cv::Mat canvas(900, 1200, CV_8UC3, cv::Scalar(90, 110, 100)), half;
+  cv::resize(poster, half, {}, 0.5, 0.5, cv::INTER_AREA);
+  half.copyTo(canvas(cv::Rect(120, 80, half.cols, half.rows)));
+  const Bytes photo = encoded(canvas);
+  const Match match = catalogue.recognizer.match(photo, std::nullopt);
+  ASSERT_EQ(idOf(match), "trigger-1");
+  const double w = poster.cols / 2.0, h = poster.rows / 2.0;
+  const zrk::emulator::RecognitionPoint expected[4] = {{120, 80}, {120 + w, 80}, {120 + w, 80 + h}, {120, 80 + h}};
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_NEAR(match->outline[i].x, expected[i].x, 10) << i;  // RANSAC allows a few pixels
+    EXPECT_NEAR(match->outline[i].y, expected[i].y, 10) << i;
+  }
+  EXPECT_NEAR(match->homography[0], 0.5, 0.02);
+  EXPECT_NEAR(match->homography[2], 120, 10);
+  ASSERT_GE(match->inliers.size(), 20u);
+  for (const auto& point : match->inliers) {
+    EXPECT_TRUE(point.x > 115 && point.x < 125 + w && point.y > 75 && point.y < 85 + h) << point.x << "," << point.y;
+  }
+  // Drawn at most 600 pixels a side, the outline in green on the grey ground.
+  const std::string picture = zrk::emulator::drawMatch(photo, match, 600);
+  const cv::Mat drawn = cv::imdecode(Bytes(picture.begin(), picture.end()), cv::IMREAD_COLOR);
+  ASSERT_EQ(drawn.size(), cv::Size(600, 450));
+  int green = 0;  // on the left edge, away from the poster's own colours
+  for (int y = 60; y < 60 + cvRound(h / 2) - 20; ++y) {
+    for (int x = 55; x <= 65; ++x) {
+      const cv::Vec3b pixel = drawn.at<cv::Vec3b>(y, x);
+      green += pixel[1] > 180 && pixel[0] < 120 && pixel[2] < 120;
+    }
+  }
+  EXPECT_GT(green, cvRound(h / 2) - 40);
+  EXPECT_EQ(zrk::emulator::drawMatch(Bytes(100, 7), std::nullopt), "");
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // time-outs, the body cap, cancel, and what may reach the transport.
 #include <gtest/gtest.h>
 
+#include "platform/ZRKTimer.h"
 #include "support/Recorder.h"
 #include "zrk/ZRKURLSession.h"
 #include "zrk/testing/ZRKMemoryTransport.h"
@@ -168,6 +169,14 @@ TEST_F(SessionTest, TimeOuts) {
   configuration->timeoutIntervalForRequest = 60;
   configuration->timeoutIntervalForResource = 0.1;
   EXPECT_EQ(told(send(request("/silent"))), "error 28");
+  // A task that ends takes its time-outs with it, however far off they were.
+  configuration->timeoutIntervalForResource = 86400;
+  const std::size_t pending = detail::pendingTimers();
+  for (const char* path : {"/answered", "/late"}) EXPECT_NE(told(send(request(path))), "error 28");
+  const auto cancelled = task(request("/silent"), Completion());
+  cancelled->resume();
+  cancelled->cancel();
+  EXPECT_EQ(detail::pendingTimers(), pending);
 }
 
 TEST_F(SessionTest, TheBodyCapIsInclusive) {

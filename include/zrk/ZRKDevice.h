@@ -13,9 +13,10 @@ namespace zrk {
 class ZRK_API ZRKDevice {
  public:
   // The operating system's version: VERSION_ID of os-release, else the
-  // kernel release.
+  // kernel release; read once per process.
   static std::string systemVersion();
-  // The hardware name that uname reports ("x86_64", "aarch64", ...).
+  // The hardware name that uname reports ("x86_64", "aarch64", ...); read
+  // once per process.
   static std::string machine();
   // The host application's build version; absent unless the host sets it.
   static std::optional<std::string> appBuildVersion();

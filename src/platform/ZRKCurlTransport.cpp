@@ -7,9 +7,9 @@
 #include <atomic>
 #include <climits>
 #include <cstdlib>
-#include <map>
 #include <mutex>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/ZRKText.h"
@@ -42,7 +42,7 @@ std::string_view trim(std::string_view s) {
 struct Transfer {
   std::uint64_t identifier = 0;
   std::shared_ptr<ZRKURLTransportClient> client;
-  ZRKURLRequest request;
+  std::optional<ZRKURL> url;  // for the errors it reports
   CURL* easy = nullptr;
   curl_slist* headers = nullptr;
   std::string body;  // the request body; curl reads it in place
@@ -129,7 +129,13 @@ class CurlLoop {
     return *loop;
   }
 
-  void post(std::function<void()> command) {
+  // A transfer to add, or the identifier of one to remove.
+  struct Command {
+    std::shared_ptr<Transfer> start;
+    std::uint64_t remove = 0;
+  };
+
+  void post(Command command) {
     bool first;
     {
       std::lock_guard lock(mutex_);
@@ -142,7 +148,6 @@ class CurlLoop {
   }
 
   // I/O thread only.
-  void start(std::shared_ptr<Transfer> t, double connectTimeout, const std::string& caInfoPath);
   void remove(std::uint64_t identifier) {
     const auto it = transfers_.find(identifier);
     if (it == transfers_.end()) return;
@@ -177,21 +182,29 @@ class CurlLoop {
 
   CURLM* multi_ = nullptr;
   std::mutex mutex_;
-  std::vector<std::function<void()>> commands_;  // guarded by mutex_
+  std::vector<Command> commands_;  // guarded by mutex_
   bool stopping_ = false;                        // guarded by mutex_
-  std::map<std::uint64_t, std::shared_ptr<Transfer>> transfers_;  // I/O thread only
+  std::unordered_map<std::uint64_t, std::shared_ptr<Transfer>> transfers_;  // I/O thread only
   std::thread thread_;
 };
 
 void CurlLoop::run() {
-  std::vector<std::function<void()>> commands;
+  std::vector<Command> commands;
   for (;;) {
     {
       std::lock_guard lock(mutex_);
       if (stopping_) return;
       commands.swap(commands_);
     }
-    for (auto& command : commands) command();
+    for (auto& command : commands) {
+      if (command.start) {
+        curl_multi_add_handle(multi_, command.start->easy);
+        const auto identifier = command.start->identifier;
+        transfers_[identifier] = std::move(command.start);
+      } else {
+        remove(command.remove);
+      }
+    }
     commands.clear();
 
     int running = 0;
@@ -204,21 +217,23 @@ void CurlLoop::run() {
   }
 }
 
-void CurlLoop::start(std::shared_ptr<Transfer> t, double connectTimeout, const std::string& caInfoPath) {
+// Sets up the easy handle on the caller's thread, so that the one I/O
+// thread only moves bytes.
+void configure(Transfer* t, const ZRKURLRequest& request, double connectTimeout, const std::string& caInfoPath) {
   t->easy = curl_easy_init();
   CURL* e = t->easy;
-  curl_easy_setopt(e, CURLOPT_PRIVATE, t.get());
-  curl_easy_setopt(e, CURLOPT_URL, t->request.URL()->absoluteString().c_str());
+  curl_easy_setopt(e, CURLOPT_PRIVATE, t);
+  curl_easy_setopt(e, CURLOPT_URL, t->url->absoluteString().c_str());
   curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(e, CURLOPT_ERRORBUFFER, t->errorBuffer);
   curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, onBody);
-  curl_easy_setopt(e, CURLOPT_WRITEDATA, t.get());
+  curl_easy_setopt(e, CURLOPT_WRITEDATA, t);
   curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, onHeader);
-  curl_easy_setopt(e, CURLOPT_HEADERDATA, t.get());
+  curl_easy_setopt(e, CURLOPT_HEADERDATA, t);
   curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, onProgress);
-  curl_easy_setopt(e, CURLOPT_XFERINFODATA, t.get());
+  curl_easy_setopt(e, CURLOPT_XFERINFODATA, t);
   curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
   curl_easy_setopt(e, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
@@ -226,13 +241,13 @@ void CurlLoop::start(std::shared_ptr<Transfer> t, double connectTimeout, const s
   if (!caInfoPath.empty()) curl_easy_setopt(e, CURLOPT_CAINFO, caInfoPath.c_str());
   // Connecting has a limit of its own, never longer than the idle time-out.
   long connectMs = static_cast<long>(connectTimeout * 1000);
-  const double idle = t->request.timeoutInterval();
+  const double idle = request.timeoutInterval();
   if (idle > 0) connectMs = std::min(connectMs > 0 ? connectMs : LONG_MAX, static_cast<long>(idle * 1000));
   if (connectMs > 0) curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, connectMs);
 
-  const std::string& method = t->request.HTTPMethod();
-  const bool hasBody = t->request.HTTPBody().has_value();
-  if (hasBody) t->body = *t->request.HTTPBody();
+  const std::string& method = request.HTTPMethod();
+  const bool hasBody = request.HTTPBody().has_value();
+  if (hasBody) t->body = *request.HTTPBody();
   // Methods that carry a body announce an empty one, so that no server waits
   // for bytes that never come.
   const bool announcesLength = hasBody || method == "POST" || method == "PUT" || method == "PATCH";
@@ -252,18 +267,17 @@ void CurlLoop::start(std::shared_ptr<Transfer> t, double connectTimeout, const s
   t->headers = curl_slist_append(t->headers, "Expect:");
   // curl labels every POST body as a form unless told otherwise; a request
   // without a body has no type to state.
-  if (!hasBody && !t->request.valueForHTTPHeaderField("Content-Type")) {
+  if (!hasBody && !request.valueForHTTPHeaderField("Content-Type")) {
     t->headers = curl_slist_append(t->headers, "Content-Type:");
   }
-  for (const auto& [name, value] : t->request.allHTTPHeaderFields().fields()) {
-    const std::string line = value.empty() ? name + ";" : name + ": " + value;
+  std::string line;
+  for (const auto& [name, value] : request.allHTTPHeaderFields().fields()) {
+    line.assign(name);
+    line += value.empty() ? ";" : ": ";
+    line += value;
     t->headers = curl_slist_append(t->headers, line.c_str());
   }
   curl_easy_setopt(e, CURLOPT_HTTPHEADER, t->headers);
-
-  curl_multi_add_handle(multi_, e);
-  const auto identifier = t->identifier;
-  transfers_[identifier] = std::move(t);
 }
 
 // Whether a failed attempt is one the server cannot have processed: no
@@ -304,16 +318,16 @@ void CurlLoop::done(CURL* easy, CURLcode result) {
   if (result == CURLE_OK && !t->headersComplete) {
     // The connection ended inside the header block: no answer arrived.
     t->client->didComplete(nullptr, transportError(ZRKURLErrorBadServerResponse,
-                                                   "The server's answer ended within its header.", t->request.URL()));
+                                                   "The server's answer ended within its header.", t->url));
     return;
   }
   if (result != CURLE_OK) {
-    t->client->didComplete(nullptr, transportError(static_cast<long>(result), t->errorBuffer, t->request.URL()));
+    t->client->didComplete(nullptr, transportError(static_cast<long>(result), t->errorBuffer, t->url));
     return;
   }
   long status = 0;
   curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-  t->client->didComplete(std::make_shared<const ZRKHTTPURLResponse>(t->request.URL(), status, t->httpVersion,
+  t->client->didComplete(std::make_shared<const ZRKHTTPURLResponse>(std::move(t->url), status, t->httpVersion,
                                                                     ZRKHTTPHeaderFields(std::move(t->responseFields))),
                          std::nullopt);
 }
@@ -322,8 +336,7 @@ class CurlExchange final : public ZRKURLTransportExchange {
  public:
   explicit CurlExchange(std::uint64_t identifier) : identifier_(identifier) {}
   void cancel() override {
-    auto& loop = CurlLoop::shared();
-    loop.post([&loop, id = identifier_] { loop.remove(id); });
+    CurlLoop::shared().post({nullptr, identifier_});
   }
 
  private:
@@ -339,11 +352,11 @@ class CurlTransport final : public ZRKURLTransport {
     auto t = std::make_shared<Transfer>();
     t->identifier = nextIdentifier.fetch_add(1);
     t->client = std::move(client);
-    t->request = request;
+    t->url = request.URL();
+    auto& loop = CurlLoop::shared();  // libcurl's global set-up comes first
+    configure(t.get(), request, configuration.connectTimeout, configuration.caInfoPath);
     auto exchange = std::make_shared<CurlExchange>(t->identifier);
-    auto& loop = CurlLoop::shared();
-    loop.post([&loop, t = std::move(t), connect = configuration.connectTimeout,
-               caInfo = configuration.caInfoPath]() mutable { loop.start(std::move(t), connect, caInfo); });
+    loop.post({std::move(t), 0});
     return exchange;
   }
 };

@@ -31,24 +31,32 @@ std::uint64_t fnv1a(std::string_view bytes, std::uint64_t hash) {
 
 }  // namespace
 
+// Both are read once: every request states them, and neither changes while
+// the process runs.
 std::string ZRKDevice::systemVersion() {
-  std::ifstream in("/etc/os-release");
-  for (std::string line; std::getline(in, line);) {
-    if (line.rfind("VERSION_ID=", 0) == 0) {
-      std::string value = line.substr(11);
-      if (value.size() >= 2 && value.front() == '"' && value.back() == '"') value = value.substr(1, value.size() - 2);
-      if (!value.empty()) return value;
+  static const std::string version = [] {
+    std::ifstream in("/etc/os-release");
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind("VERSION_ID=", 0) == 0) {
+        std::string value = line.substr(11);
+        if (value.size() >= 2 && value.front() == '"' && value.back() == '"') value = value.substr(1, value.size() - 2);
+        if (!value.empty()) return value;
+      }
     }
-  }
-  struct utsname names {};
-  if (::uname(&names) == 0) return names.release;
-  return "0";
+    struct utsname names {};
+    if (::uname(&names) == 0) return std::string(names.release);
+    return std::string("0");
+  }();
+  return version;
 }
 
 std::string ZRKDevice::machine() {
-  struct utsname names {};
-  if (::uname(&names) != 0) return "unknown";
-  return names.machine;
+  static const std::string name = [] {
+    struct utsname names {};
+    if (::uname(&names) != 0) return std::string("unknown");
+    return std::string(names.machine);
+  }();
+  return name;
 }
 
 std::optional<std::string> ZRKDevice::appBuildVersion() {

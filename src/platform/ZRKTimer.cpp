@@ -3,7 +3,8 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
-#include <queue>
+#include <map>
+#include <utility>
 #include <thread>
 #include <vector>
 
@@ -18,28 +19,40 @@ class TimerThread {
     return *timers;
   }
 
-  void schedule(std::chrono::steady_clock::time_point deadline, std::function<void()> callback) {
+  TimerHandle schedule(std::chrono::steady_clock::time_point deadline, std::function<void()> callback) {
+    TimerHandle handle{deadline, 0};
     bool earliest;
     {
       std::lock_guard lock(mutex_);
-      if (stopping_) return;
-      entries_.push(Entry{deadline, sequence_++, std::move(callback)});
-      earliest = entries_.top().sequence == sequence_ - 1;
+      if (stopping_) return {};
+      handle.sequence = ++sequence_;
+      const auto at = entries_.emplace(Key(deadline, handle.sequence), std::move(callback)).first;
+      earliest = at == entries_.begin();
     }
     // The thread sleeps until the earliest deadline; a later one needs no
-    // wake-up, and most are later (every request adds its time-out).
+    // wake-up, and most are later (every request adds its time-outs).
     if (earliest) wake_.notify_one();
+    return handle;
+  }
+
+  void cancel(const TimerHandle& handle) {
+    if (handle.sequence == 0) return;
+    std::function<void()> dropped;  // what it holds goes outside the lock
+    std::lock_guard lock(mutex_);
+    const auto it = entries_.find(Key(handle.deadline, handle.sequence));
+    if (it == entries_.end()) return;
+    dropped = std::move(it->second);
+    entries_.erase(it);
+  }
+
+  std::size_t pending() {
+    std::lock_guard lock(mutex_);
+    return entries_.size();
   }
 
  private:
-  struct Entry {
-    std::chrono::steady_clock::time_point deadline;
-    unsigned long long sequence;  // equal deadlines run in the order scheduled
-    std::function<void()> callback;
-    bool operator>(const Entry& other) const {
-      return deadline != other.deadline ? deadline > other.deadline : sequence > other.sequence;
-    }
-  };
+  // Equal deadlines run in the order scheduled.
+  using Key = std::pair<std::chrono::steady_clock::time_point, unsigned long long>;
 
   TimerThread() {
     thread_ = std::thread([this] { run(); });
@@ -62,13 +75,13 @@ class TimerThread {
         wake_.wait(lock);
         continue;
       }
-      const auto deadline = entries_.top().deadline;
+      const auto deadline = entries_.begin()->first.first;
       if (std::chrono::steady_clock::now() < deadline) {
         wake_.wait_until(lock, deadline);
         continue;
       }
-      auto callback = std::move(const_cast<Entry&>(entries_.top()).callback);
-      entries_.pop();
+      auto callback = std::move(entries_.begin()->second);
+      entries_.erase(entries_.begin());
       lock.unlock();
       callback();
       callback = nullptr;  // what it holds goes outside the lock
@@ -78,16 +91,20 @@ class TimerThread {
 
   std::mutex mutex_;
   std::condition_variable wake_;
-  std::priority_queue<Entry, std::vector<Entry>, std::greater<>> entries_;  // guarded by mutex_
-  unsigned long long sequence_ = 0;                                         // guarded by mutex_
-  bool stopping_ = false;                                                   // guarded by mutex_
+  std::map<Key, std::function<void()>> entries_;  // guarded by mutex_
+  unsigned long long sequence_ = 0;               // guarded by mutex_
+  bool stopping_ = false;                         // guarded by mutex_
   std::thread thread_;
 };
 
 }  // namespace
 
-void scheduleAt(std::chrono::steady_clock::time_point deadline, std::function<void()> callback) {
-  TimerThread::shared().schedule(deadline, std::move(callback));
+TimerHandle scheduleAt(std::chrono::steady_clock::time_point deadline, std::function<void()> callback) {
+  return TimerThread::shared().schedule(deadline, std::move(callback));
 }
+
+void cancelTimer(const TimerHandle& handle) { TimerThread::shared().cancel(handle); }
+
+std::size_t pendingTimers() { return TimerThread::shared().pending(); }
 
 }  // namespace zrk::detail

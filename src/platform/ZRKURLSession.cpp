@@ -6,6 +6,7 @@
 #include <limits>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include "platform/ZRKText.h"
 #include "platform/ZRKTimer.h"
@@ -92,6 +93,7 @@ struct TaskState : std::enable_shared_from_this<TaskState> {
   // Held from resume to completion: a task in flight keeps its delegate (a
   // client nobody else holds) alive for its redirects, and lets it go after.
   std::shared_ptr<ZRKURLSessionDelegate> delegate;        // guarded by mutex
+  TimerHandle resourceTimer, idleTimer;                   // guarded by mutex
 
   bool completed() {
     std::lock_guard lock(mutex);
@@ -104,10 +106,13 @@ struct TaskState : std::enable_shared_from_this<TaskState> {
     ZRKURLSessionDataTask::CompletionHandler h;
     std::shared_ptr<ZRKURLTransportExchange> wire;
     std::shared_ptr<ZRKURLSessionDelegate> keep;
+    TimerHandle timers[2];
     {
       std::lock_guard lock(mutex);
       if (state == ZRKURLSessionDataTask::State::completed) return;
       state = ZRKURLSessionDataTask::State::completed;
+      timers[0] = std::exchange(resourceTimer, {});
+      timers[1] = std::exchange(idleTimer, {});
       h = std::move(handler);
       handler = nullptr;
       wire = std::move(exchange);
@@ -116,6 +121,7 @@ struct TaskState : std::enable_shared_from_this<TaskState> {
       ++hop;
     }
     if (wire) wire->cancel();
+    for (const auto& timer : timers) cancelTimer(timer);
     if (!h) return;
     // The delegate goes with the completion, so it outlives the call.
     session->delegateQueue().async([h = std::move(h), data = std::move(data), response = std::move(response),
@@ -124,10 +130,21 @@ struct TaskState : std::enable_shared_from_this<TaskState> {
     });
   }
 
-  void start(std::shared_ptr<ZRKURLSessionDataTask> task, ZRKURLRequest request);
+  // `redirected`: the request is a redirect's, not the original.
+  void start(std::shared_ptr<ZRKURLSessionDataTask> task, ZRKURLRequest request, bool redirected = true);
   void redirect(std::shared_ptr<ZRKURLSessionDataTask> task, const ZRKURLRequest& from,
                 std::shared_ptr<const ZRKHTTPURLResponse> response, std::string body, const ZRKURL& location);
   void watchIdle(std::uint64_t forHop, Clock::time_point deadline);
+  // Keeps a time-out while the task runs; a task that has ended drops it.
+  void keepTimer(TimerHandle TaskState::*slot, TimerHandle timer, std::optional<std::uint64_t> forHop = {}) {
+    {
+      std::lock_guard lock(mutex);
+      if (state != ZRKURLSessionDataTask::State::completed && (!forHop || *forHop == hop)) {
+        std::swap(this->*slot, timer);
+      }
+    }
+    cancelTimer(timer);
+  }
 };
 
 namespace {
@@ -212,13 +229,13 @@ class Hop final : public ZRKURLTransportClient {
 
 }  // namespace
 
-void TaskState::start(std::shared_ptr<ZRKURLSessionDataTask> task, ZRKURLRequest request) {
+void TaskState::start(std::shared_ptr<ZRKURLSessionDataTask> task, ZRKURLRequest request, bool redirected) {
   const auto& configuration = *session->configuration();
   const std::optional<ZRKURL> url = request.URL();
   {
     std::lock_guard lock(mutex);
     if (state == ZRKURLSessionDataTask::State::completed) return;
-    current = request;
+    if (redirected) current = request;  // else it is the original already
   }
   if (!url) {
     finish(std::nullopt, nullptr, transportError(ZRKURLErrorBadURL, "The URL is missing or invalid.", url));
@@ -258,7 +275,7 @@ void TaskState::start(std::shared_ptr<ZRKURLSessionDataTask> task, ZRKURLRequest
 }
 
 void TaskState::watchIdle(std::uint64_t forHop, Clock::time_point deadline) {
-  scheduleAt(deadline, [weak = weak_from_this(), forHop] {
+  const TimerHandle timer = scheduleAt(deadline, [weak = weak_from_this(), forHop] {
     const auto self = weak.lock();
     if (!self) return;
     Clock::time_point next;
@@ -276,6 +293,7 @@ void TaskState::watchIdle(std::uint64_t forHop, Clock::time_point deadline) {
     self->finish(std::nullopt, nullptr,
                  transportError(ZRKURLErrorTimedOut, "No data moved within the request's time-out.", url));
   });
+  keepTimer(&TaskState::idleTimer, timer, forHop);
 }
 
 void TaskState::redirect(std::shared_ptr<ZRKURLSessionDataTask> task, const ZRKURLRequest& from,
@@ -358,15 +376,17 @@ void ZRKURLSessionDataTask::resume() {
   }
   const double limit = state_->session->configuration()->timeoutIntervalForResource;
   if (limit > 0) {
-    detail::scheduleAt(std::chrono::steady_clock::now() + detail::seconds(limit), [weak = std::weak_ptr(state_)] {
-      if (const auto state = weak.lock()) {
-        state->finish(std::nullopt, nullptr,
-                      detail::transportError(ZRKURLErrorTimedOut, "The request took longer than the session allows.",
-                                             state->original.URL()));
-      }
-    });
+    const auto timer = detail::scheduleAt(
+        std::chrono::steady_clock::now() + detail::seconds(limit), [weak = std::weak_ptr(state_)] {
+          if (const auto state = weak.lock()) {
+            state->finish(std::nullopt, nullptr,
+                          detail::transportError(ZRKURLErrorTimedOut, "The request took longer than the session allows.",
+                                                 state->original.URL()));
+          }
+        });
+    state_->keepTimer(&detail::TaskState::resourceTimer, timer);
   }
-  state_->start(shared_from_this(), state_->original);
+  state_->start(shared_from_this(), state_->original, false);
 }
 
 void ZRKURLSessionDataTask::cancel() {

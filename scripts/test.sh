@@ -55,7 +55,7 @@ build_tree build-test-tsan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1
 run_tests build-test-tsan
 
 stamp "fuzzing"
-bash scripts/fuzz.sh 30 build-test-asan
+bash scripts/fuzz.sh 15 build-test-asan
 stamp "packaging"
 bash scripts/consumer-check.sh build-test-normal
 stamp "all suites passed"

@@ -5,13 +5,14 @@
 //
 //   zrkapi_request_bench [--repetitions N] [--json FILE]
 //
-// The server is a small epoll loop in a child process pinned to CPU 0 that
-// answers every request with one fixed body over keep-alive connections; the
-// clients run in child processes of their own, pinned to CPU 1, so that no
-// measurement inherits another's heap. Figures are medians of the
-// repetitions:
+// The server is a small epoll loop in a child process that answers every
+// request with one fixed body over keep-alive connections; the clients run
+// in child processes of their own, so that no measurement inherits another's
+// heap. Pinned, the server runs on CPU 0 and the client on CPU 1; unpinned
+// ("-free"), both may run on either core, as an application's would.
+// Figures are medians of the repetitions:
 //   sequential   microseconds per request, one request at a time
-//   in flight    requests per second with 64 in flight
+//   parallel     requests per second with 64 in flight
 //   memory       resident bytes per request with 1,000 in flight, held by
 //                the server until all 1,000 have arrived (peak RSS delta)
 #include <arpa/inet.h>
@@ -70,11 +71,15 @@ constexpr std::string_view kBody =
     R"({"id":"c2","name":"Flyers","imageUrl":"https://cdn.example/c2.jpg"},)"
     R"({"id":"c3","name":"Packaging","imageUrl":"https://cdn.example/c3.jpg"}]})";
 
-void pinTo(int cpu) {
+// Pins a process to one CPU, or (cpu < 0) lets it run on all of them.
+void pinTo(int cpu, pid_t pid = 0) {
   cpu_set_t set;
   CPU_ZERO(&set);
-  CPU_SET(cpu, &set);
-  sched_setaffinity(0, sizeof set, &set);  // best effort: a 1-CPU machine keeps both on CPU 0
+  const int cpus = static_cast<int>(std::thread::hardware_concurrency());
+  for (int c = 0; c < std::max(cpus, 1); ++c) {
+    if (cpu < 0 || c == cpu) CPU_SET(c, &set);
+  }
+  sched_setaffinity(pid, sizeof set, &set);  // best effort: a 1-CPU machine keeps both on CPU 0
 }
 
 void raiseFileLimit() {
@@ -454,8 +459,8 @@ Result libraryMode(const std::string& kind, const std::string& mode, const std::
   return {static_cast<double>(residentBytes("VmHWM:") - before) / kHeld, true};
 }
 
-int child(const std::string& kind, const std::string& mode, const std::string& base) {
-  pinTo(1);
+int child(const std::string& kind, const std::string& mode, const std::string& base, bool pinned) {
+  pinTo(pinned ? 1 : -1);
   raiseFileLimit();
   curl_global_init(CURL_GLOBAL_DEFAULT);
   const Result r = kind == "raw" ? rawMode(mode, base) : libraryMode(kind, mode, base);
@@ -465,14 +470,15 @@ int child(const std::string& kind, const std::string& mode, const std::string& b
 }
 
 // Runs one measurement in a fresh process and reads its figure.
-double measure(const std::string& self, const std::string& kind, const std::string& mode, const std::string& base) {
+double measure(const std::string& self, const std::string& kind, const std::string& mode, const std::string& base,
+               bool pinned = true) {
   int out[2];
   if (pipe(out) != 0) return -1;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
   posix_spawn_file_actions_addclose(&actions, out[0]);
-  std::vector<std::string> args = {self, "--child", kind, mode, base};
+  std::vector<std::string> args = {self, "--child", kind, mode, base, pinned ? "pinned" : "free"};
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
@@ -502,7 +508,9 @@ double median(std::vector<double> v) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 5 && std::string(argv[1]) == "--child") return child(argv[2], argv[3], argv[4]);
+  if (argc == 6 && std::string(argv[1]) == "--child") {
+    return child(argv[2], argv[3], argv[4], std::string(argv[5]) == "pinned");
+  }
 
   int repetitions = 5;
   std::string jsonPath;
@@ -557,16 +565,22 @@ int main(int argc, char** argv) {
   struct Row {
     const char* mode;
     const char* unit;
+    bool pinned;
   };
-  const Row rows[] = {{"sequential", "us/request"}, {"parallel", "requests/s"}, {"memory", "bytes/request"}};
+  const Row rows[] = {{"sequential", "us/request", true},
+                      {"parallel", "requests/s", true},
+                      {"memory", "bytes/request", true},
+                      {"sequential", "us/request", false},
+                      {"parallel", "requests/s", false}};
   const char* kinds[] = {"raw", "request", "endpoint"};
   std::map<std::string, std::map<std::string, double>> figures;
   bool failed = false;
   for (const Row& row : rows) {
+    pinTo(row.pinned ? 0 : -1, server);
     for (const char* kind : kinds) {
       std::vector<double> values;
       for (int r = 0; r < repetitions; ++r) {
-        const double v = measure(program, kind, row.mode, base);
+        const double v = measure(program, kind, row.mode, base, row.pinned);
         if (v < 0) {
           failed = true;
           std::fprintf(stderr, "%s %s failed\n", kind, row.mode);
@@ -574,8 +588,9 @@ int main(int argc, char** argv) {
         }
         values.push_back(v);
       }
-      figures[row.mode][kind] = median(values);
-      std::printf("%-10s %-9s %12.1f %s\n", row.mode, kind, figures[row.mode][kind], row.unit);
+      const std::string name = std::string(row.mode) + (row.pinned ? "" : "-free");
+      figures[name][kind] = median(values);
+      std::printf("%-15s %-9s %12.1f %s\n", name.c_str(), kind, figures[name][kind], row.unit);
       std::fflush(stdout);
     }
   }

@@ -71,7 +71,7 @@ ZRKURLRequest wireRequest(const ZRKURLRequest& request, const ZRKURLSessionConfi
 struct TaskState : std::enable_shared_from_this<TaskState> {
   TaskState(std::shared_ptr<ZRKURLSession> s, ZRKURLRequest request,
             ZRKURLSessionDataTask::CompletionHandler h, std::uint64_t id)
-      : session(std::move(s)), original(std::move(request)), identifier(id), current(original),
+      : session(std::move(s)), original(std::move(request)), identifier(id),
         handler(std::move(h)) {}
 
   const std::shared_ptr<ZRKURLSession> session;
@@ -80,7 +80,7 @@ struct TaskState : std::enable_shared_from_this<TaskState> {
 
   std::mutex mutex;
   ZRKURLSessionDataTask::State state = ZRKURLSessionDataTask::State::suspended;  // guarded by mutex
-  ZRKURLRequest current;                                  // guarded by mutex
+  std::optional<ZRKURLRequest> current;                   // guarded by mutex; a redirect's, else the original
   ZRKURLSessionDataTask::CompletionHandler handler;       // guarded by mutex; dropped once called
   // The hop on the wire now; a number that changes with every hop, so that
   // late calls of an earlier hop's transport are told apart.
@@ -94,6 +94,8 @@ struct TaskState : std::enable_shared_from_this<TaskState> {
   // client nobody else holds) alive for its redirects, and lets it go after.
   std::shared_ptr<ZRKURLSessionDelegate> delegate;        // guarded by mutex
   TimerHandle resourceTimer, idleTimer;                   // guarded by mutex
+
+  const ZRKURLRequest& currentLocked() const { return current ? *current : original; }
 
   bool completed() {
     std::lock_guard lock(mutex);
@@ -131,7 +133,7 @@ struct TaskState : std::enable_shared_from_this<TaskState> {
   }
 
   // `redirected`: the request is a redirect's, not the original.
-  void start(std::shared_ptr<ZRKURLSessionDataTask> task, ZRKURLRequest request, bool redirected = true);
+  void start(std::shared_ptr<ZRKURLSessionDataTask> task, const ZRKURLRequest& request, bool redirected = true);
   void redirect(std::shared_ptr<ZRKURLSessionDataTask> task, const ZRKURLRequest& from,
                 std::shared_ptr<const ZRKHTTPURLResponse> response, std::string body, const ZRKURL& location);
   void watchIdle(std::uint64_t forHop, Clock::time_point deadline);
@@ -152,9 +154,9 @@ namespace {
 // The session's side of one hop.
 class Hop final : public ZRKURLTransportClient {
  public:
-  Hop(std::shared_ptr<ZRKURLSessionDataTask> task, std::shared_ptr<TaskState> state, ZRKURLRequest request,
+  Hop(std::shared_ptr<ZRKURLSessionDataTask> task, std::shared_ptr<TaskState> state, std::optional<ZRKURL> url,
       std::uint64_t number)
-      : task_(std::move(task)), state_(std::move(state)), request_(std::move(request)), number_(number) {}
+      : task_(std::move(task)), state_(std::move(state)), url_(std::move(url)), number_(number) {}
 
   void didMoveBytes() override {
     std::lock_guard lock(state_->mutex);
@@ -186,12 +188,16 @@ class Hop final : public ZRKURLTransportClient {
     }
     state_->finish(std::nullopt, nullptr,
                    transportError(ZRKURLErrorResponseTooLarge, "The response body is larger than the session accepts.",
-                                  request_.URL()));
+                                  url_));
     return false;
   }
 
   void didComplete(std::shared_ptr<const ZRKHTTPURLResponse> response, std::optional<ZRKError> error) override {
     std::string body;
+    const long status = response ? response->statusCode() : 0;
+    const bool redirected =
+        !error && (status == 301 || status == 302 || status == 303 || status == 307 || status == 308);
+    std::optional<ZRKURLRequest> from;  // the hop's request, for a redirect
     {
       std::lock_guard lock(state_->mutex);
       if (state_->hop != number_) return;
@@ -200,19 +206,19 @@ class Hop final : public ZRKURLTransportClient {
       state_->exchange = nullptr;
       body = std::move(state_->body);
       state_->body.clear();
+      if (redirected) from = state_->currentLocked();
     }
     if (error || !response) {
       state_->finish(std::nullopt, nullptr,
                      error ? std::move(*error)
                            : transportError(ZRKURLErrorBadServerResponse, "The transport gave no answer.",
-                                            request_.URL()));
+                                            url_));
       return;
     }
-    const long status = response->statusCode();
-    if (status == 301 || status == 302 || status == 303 || status == 307 || status == 308) {
+    if (redirected) {
       if (const auto location = response->valueForHTTPHeaderField("Location")) {
-        if (auto next = request_.URL()->URLByResolvingReference(*location)) {
-          state_->redirect(std::move(task_), request_, std::move(response), std::move(body), *next);
+        if (auto next = url_->URLByResolvingReference(*location)) {
+          state_->redirect(std::move(task_), *from, std::move(response), std::move(body), *next);
           return;
         }
       }
@@ -223,13 +229,13 @@ class Hop final : public ZRKURLTransportClient {
  private:
   std::shared_ptr<ZRKURLSessionDataTask> task_;
   const std::shared_ptr<TaskState> state_;
-  const ZRKURLRequest request_;  // as the caller and the delegate see it, not as sent
+  const std::optional<ZRKURL> url_;  // the hop's, as the caller sees it
   const std::uint64_t number_;
 };
 
 }  // namespace
 
-void TaskState::start(std::shared_ptr<ZRKURLSessionDataTask> task, ZRKURLRequest request, bool redirected) {
+void TaskState::start(std::shared_ptr<ZRKURLSessionDataTask> task, const ZRKURLRequest& request, bool redirected) {
   const auto& configuration = *session->configuration();
   const std::optional<ZRKURL> url = request.URL();
   {
@@ -262,7 +268,7 @@ void TaskState::start(std::shared_ptr<ZRKURLSessionDataTask> task, ZRKURLRequest
     idle = idleSeconds > 0 ? seconds(idleSeconds) : Clock::duration::zero();
   }
   const auto transport = configuration.transport ? configuration.transport : ZRKURLTransport::defaultTransport();
-  auto client = std::make_shared<Hop>(std::move(task), shared_from_this(), std::move(request), number);
+  auto client = std::make_shared<Hop>(std::move(task), shared_from_this(), url, number);
   auto started = transport->start(wire, configuration, std::move(client));
   bool stale;
   {
@@ -284,7 +290,7 @@ void TaskState::watchIdle(std::uint64_t forHop, Clock::time_point deadline) {
       std::lock_guard lock(self->mutex);
       if (self->hop != forHop) return;
       next = self->lastProgress + self->idle;
-      url = self->current.URL();
+      url = self->currentLocked().URL();
     }
     if (Clock::now() < next) {
       self->watchIdle(forHop, next);
@@ -405,7 +411,7 @@ const ZRKURLRequest& ZRKURLSessionDataTask::originalRequest() const { return sta
 
 ZRKURLRequest ZRKURLSessionDataTask::currentRequest() const {
   std::lock_guard lock(state_->mutex);
-  return state_->current;
+  return state_->currentLocked();
 }
 
 ZRKURLSession::ZRKURLSession(std::shared_ptr<ZRKURLSessionConfiguration> configuration,

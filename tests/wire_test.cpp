@@ -160,6 +160,15 @@ TEST_F(WireTest, AnswersAreReadAsSent) {
   EXPECT_EQ(fetch(server.url() + "/cut"), "error 8");
 }
 
+TEST_F(WireTest, EachRequestWakesTheIOThread) {
+  // A lost wake-up would leave each request to the I/O thread's one-second
+  // idle poll: twenty in a row would take twenty seconds, not milliseconds.
+  server.always({send(httpAnswer("ok"))});
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 20; ++i) ASSERT_EQ(fetch(server.url() + "/" + std::to_string(i)), "200 ok");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+}
+
 TEST_F(WireTest, OnlyATrustedCertificateForTheHostIsAccepted) {
   const std::string directory = certificates();
   ASSERT_FALSE(directory.empty()) << "openssl could not make the test certificates";

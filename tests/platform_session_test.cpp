@@ -100,8 +100,11 @@ class Delegate : public ZRKURLSessionDelegate {
   void willPerformHTTPRedirection(ZRKURLSession&, ZRKURLSessionDataTask& task, const ZRKHTTPURLResponse& response,
                                   ZRKURLRequest proposal,
                                   std::function<void(std::optional<ZRKURLRequest>)> handler) override {
+    // Original, current and proposed paths; each hop starts from the last one as rewritten.
     seen.push_back(std::to_string(response.statusCode()) + " " + task.originalRequest().URL()->path() + " " +
-                   proposal.URL()->path() + (ZRKMainQueue::isMainThread() ? "" : " off the main thread"));
+                   task.currentRequest().URL()->path() + " " + proposal.URL()->path() +
+                   (proposal.valueForHTTPHeaderField("X-Hop") ? " rewritten" : "") +
+                   (ZRKMainQueue::isMainThread() ? "" : " off the main thread"));
     if (refuse) return handler(std::nullopt);
     proposal.setValue("rewritten", "X-Hop");
     handler(std::move(proposal));
@@ -117,7 +120,7 @@ TEST_F(SessionTest, TheDelegateRewritesOrRefusesEachHopOnItsQueue) {
   transport->respond("", "/c", {.body = "end"});
   auto delegate = std::make_shared<Delegate>();
   EXPECT_EQ(told(send(request("/a"), delegate)), "200 end");
-  EXPECT_EQ(delegate->seen, (std::vector<std::string>{"302 /a /b", "308 /a /c"}));
+  EXPECT_EQ(delegate->seen, (std::vector<std::string>{"302 /a /a /b", "308 /a /b /c rewritten"}));
   EXPECT_EQ(last().valueForHTTPHeaderField("X-Hop"), "rewritten");
 
   // Refused: the 3xx answer itself completes the task.

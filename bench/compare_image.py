@@ -314,6 +314,17 @@ def versions():
             "vips": first_line(["vips", "--version"]), "imagemagick": first_line(["/usr/bin/convert", "-version"])}
 
 
+def write_results(out, results, tables):
+    """results.json and tables.md (made by `tables` from the results) in
+    OUT; the tables are printed too."""
+    with open(os.path.join(out, "results.json"), "w") as f:
+        json.dump(results, f, indent=1)
+    markdown = tables(results)
+    with open(os.path.join(out, "tables.md"), "w") as f:
+        f.write(markdown)
+    print(markdown)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--helper", required=True, help="the zrkapi_image_compare program")
@@ -386,12 +397,7 @@ def main():
                 name, table[-1]["median_ms"], table[-1]["median_cpu_ms"], quality, size[0], size[1]), flush=True)
         results[key] = table
 
-    with open(os.path.join(args.out, "results.json"), "w") as f:
-        json.dump(results, f, indent=1)
-    markdown = tables(results)
-    with open(os.path.join(args.out, "tables.md"), "w") as f:
-        f.write(markdown)
-    print(markdown)
+    write_results(args.out, results, tables)
     if args.plot:
         plot(results, args.plot)
 

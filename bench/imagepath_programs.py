@@ -152,12 +152,7 @@ def main():
                   vips["median_ms"], vips["median_cpu_ms"], vips["psnr_db"], vips["median_ms"] / ours["median_ms"],
                   mine["first_ms"], mine["warm_ms"], mine["first_ms"] / mine["warm_ms"]), flush=True)
     results["load_after"] = os.getloadavg()
-    with open(os.path.join(args.out, "results.json"), "w") as f:
-        json.dump(results, f, indent=1)
-    markdown = tables(results)
-    with open(os.path.join(args.out, "tables.md"), "w") as f:
-        f.write(markdown)
-    print(markdown)
+    scene.write_results(args.out, results, tables)
 
 
 def tables(results):

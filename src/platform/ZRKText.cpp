@@ -50,24 +50,6 @@ char32_t decode(std::string_view text, std::size_t& i) {
   return cp;
 }
 
-void encode(std::string& out, char32_t cp) {
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-}
-
 // Latin Extended-A pairs an upper-case letter with the next code point, on
 // even positions in some stretches and odd ones in others.
 bool upperIsEvenInExtendedA(char32_t cp) { return cp <= 0x137 || (cp >= 0x14A && cp <= 0x177); }
@@ -131,6 +113,30 @@ std::string shortestDecimal(const ZRKJson& number) {
   return std::string(buffer, result.ptr);
 }
 
+void appendUTF8(std::string& out, char32_t cp) {
+  if (cp < 0x80) {
+    out += static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    out += static_cast<char>(0xC0 | (cp >> 6));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else if (cp < 0x10000) {
+    out += static_cast<char>(0xE0 | (cp >> 12));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (cp >> 18));
+    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  }
+}
+
+std::size_t utf8SequenceLength(std::string_view text) {
+  if (text.empty()) return 0;
+  std::size_t i = 0;
+  return decode(text, i) == kInvalid ? 0 : i;
+}
+
 bool isValidUTF8(std::string_view bytes) {
   for (std::size_t i = 0; i < bytes.size();) {
     if (decode(bytes, i) == kInvalid) return false;
@@ -151,11 +157,11 @@ std::string capitalized(std::string_view text) {
       continue;
     }
     if (isWhitespace(cp)) {
-      encode(out, cp);
+      appendUTF8(out, cp);
       startOfWord = true;
       continue;
     }
-    encode(out, startOfWord ? toUpper(cp) : toLower(cp));
+    appendUTF8(out, startOfWord ? toUpper(cp) : toLower(cp));
     startOfWord = false;
   }
   return out;

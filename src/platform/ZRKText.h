@@ -62,6 +62,12 @@ std::string shortestDecimal(const ZRKJson& number);
 // code points past U+10FFFF), the only text a JSON value can carry.
 bool isValidUTF8(std::string_view bytes);
 
+// The length of the well-formed UTF-8 sequence that starts text, or 0.
+std::size_t utf8SequenceLength(std::string_view text);
+
+// Appends a code point (at most U+10FFFF) as UTF-8.
+void appendUTF8(std::string& out, char32_t cp);
+
 // Each whitespace-separated word with its first letter upper case and the
 // rest lower case. Case is mapped for Latin (ASCII, Latin-1, Latin
 // Extended-A), Greek and Cyrillic letters; other characters, and bytes that

@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/ZRKText.h"
+
 namespace zrk::detail {
 namespace {
 
@@ -36,42 +38,6 @@ unsigned hex4(std::string_view s) {
   return v;
 }
 
-void appendUTF8(std::string& out, unsigned cp) {
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-}
-
-// The length of the well-formed UTF-8 sequence at s, or 0.
-std::size_t utf8Length(std::string_view s) {
-  const auto at = [&](std::size_t i, unsigned lo, unsigned hi) {
-    return i < s.size() && static_cast<unsigned char>(s[i]) >= lo && static_cast<unsigned char>(s[i]) <= hi;
-  };
-  const auto c = static_cast<unsigned char>(s[0]);
-  if (c >= 0xC2 && c <= 0xDF) return at(1, 0x80, 0xBF) ? 2 : 0;
-  if (c >= 0xE0 && c <= 0xEF) {
-    const unsigned lo = c == 0xE0 ? 0xA0 : 0x80, hi = c == 0xED ? 0x9F : 0xBF;
-    return at(1, lo, hi) && at(2, 0x80, 0xBF) ? 3 : 0;
-  }
-  if (c >= 0xF0 && c <= 0xF4) {
-    const unsigned lo = c == 0xF0 ? 0x90 : 0x80, hi = c == 0xF4 ? 0x8F : 0xBF;
-    return at(1, lo, hi) && at(2, 0x80, 0xBF) && at(3, 0x80, 0xBF) ? 4 : 0;
-  }
-  return 0;
-}
-
 // Decodes a string literal's contents as the parser would; false where the
 // parser would refuse them, which is then left to the parser to report.
 bool decodeString(std::string_view raw, std::string& out) {
@@ -89,7 +55,7 @@ bool decodeString(std::string_view raw, std::string& out) {
       out.append(raw, i, j - i);
       i = j;
     } else if (c >= 0x80) {
-      const std::size_t n = utf8Length(raw.substr(i));
+      const std::size_t n = utf8SequenceLength(raw.substr(i));
       if (n == 0) return false;
       out.append(raw, i, n);
       i += n;
